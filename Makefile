@@ -1,0 +1,59 @@
+# KARVO_Valmetra: top-level entry points. See README.md.
+SHELL := /bin/bash
+.DEFAULT_GOAL := test
+JOBS ?= $(shell nproc)
+export WINEDEBUG := -all
+
+APT_PACKAGES := cmake g++ make python3 googletest libgtest-dev clang libclang-rt-14-dev \
+  g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix mingw-w64-tools \
+  wine wine64 libwine-dev msitools
+
+.PHONY: deps native native-release windows test test-native test-windows demo dist bench fuzz clean
+
+# Installs what the build needs; quiet and idempotent (nothing runs when all is there).
+deps:
+	@missing=$$(for p in $(APT_PACKAGES); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:" $$missing; \
+	  export DEBIAN_FRONTEND=noninteractive; \
+	  (apt-get update -qq || true) >/dev/null; \
+	  apt-get install -y -qq $$missing >/dev/null; \
+	fi
+
+native: deps
+	cmake --preset native-debug >/dev/null
+	cmake --build --preset native-debug -j $(JOBS)
+
+native-release: deps
+	cmake --preset native-release >/dev/null
+	cmake --build --preset native-release -j $(JOBS)
+
+windows: deps
+	cmake --preset win-x64 >/dev/null
+	cmake --build --preset win-x64 -j $(JOBS)
+	cmake --preset win-x86 >/dev/null
+	cmake --build --preset win-x86 -j $(JOBS)
+
+test-native: native native-release
+	ctest --preset native-debug -j $(JOBS)
+	ctest --preset native-release -j $(JOBS)
+
+test-windows: windows
+	@if [ -x tests/windows/run.sh ]; then tests/windows/run.sh; fi
+
+test: test-native test-windows
+
+demo: native-release
+	./build/native-release/examples/host_demo
+
+dist: windows
+	@if [ -x tools/dist.sh ]; then tools/dist.sh; fi
+
+bench: native-release
+	@if [ -x bench/run.sh ]; then bench/run.sh; fi
+
+fuzz: deps
+	@if [ -x tests/fuzz/run.sh ]; then tests/fuzz/run.sh; fi
+
+clean:
+	rm -rf build dist
