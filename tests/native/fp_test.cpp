@@ -1,0 +1,176 @@
+// The floating check and the shared conversions, including what a host with
+// unmasked floating-point exceptions and another rounding mode sees.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cfenv>
+#include <cfloat>
+#include <csignal>
+#include <cstdint>
+#include <limits>
+
+#include "frame/arith.h"
+#include "frame/fp.h"
+
+namespace valmetra {
+namespace {
+
+// The parts of the environment a host can observe: x87 control word, the
+// x87 exception flags, MXCSR (masks, rounding, flags, FTZ/DAZ).
+struct Env {
+  std::uint16_t cw, flags;
+  std::uint32_t mxcsr;
+  bool operator==(const Env&) const = default;
+};
+Env observe() {
+  std::fenv_t e;
+  std::fegetenv(&e);
+#if defined(__x86_64__) || defined(__i386__)
+  return {e.__control_word, static_cast<std::uint16_t>(e.__status_word & 0x3f), e.__mxcsr};
+#else
+  return {0, 0, 0};
+#endif
+}
+
+// Runs a test body with the host's environment set to `apply`, then restores
+// the default so a failing expectation cannot leak traps into other tests.
+template <class Apply, class Body>
+void with_host_env(Apply apply, Body body) {
+  std::fenv_t before;
+  std::fegetenv(&before);
+  apply();
+  body();
+  std::fesetenv(&before);
+}
+
+int error_of(auto&& f) {
+  try {
+    f();
+  } catch (const Error& e) {
+    return e.number();
+  }
+  return 0;
+}
+
+TEST(FloatingCheck, ReportsExactlyTheThreeConditions) {
+  struct Case { const char* what; double a, b; int expected; };
+  const Case cases[] = {
+      {"1/0", 1.0, 0.0, 11},         {"0/0", 0.0, 0.0, 6},
+      {"overflow", DBL_MAX, 0.5, 6}, {"underflow", DBL_MIN, 1e10, 0},
+      {"inexact", 1.0, 3.0, 0},      {"denormal", 4.9e-324, 1.0, 0},
+  };
+  for (const auto& c : cases) {
+    // Constants: folding or moving the division would lose the flag.
+    EXPECT_EQ(error_of([&] { fp::checked([&] { return c.a / c.b; }); }), c.expected) << c.what;
+  }
+}
+
+TEST(FloatingCheck, QuietNaNOperandRaisesNothing) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(error_of([&] { fp::checked([&] { return fp::opaque(nan) + 1.0; }); }), 0);
+}
+
+TEST(FloatingCheck, ClearForgetsEarlierConditions) {
+  EXPECT_EQ(error_of([] {
+              fp::Scope s;
+              volatile double r = fp::opaque(1.0) / fp::opaque(0.0);
+              (void)r;
+              fp::clear();
+              fp::check();
+            }),
+            0);
+}
+
+TEST(FloatingCheck, HostWithUnmaskedTrapsGetsErrorsNotSignals) {
+  auto previous = std::signal(SIGFPE, [](int) { std::_Exit(99); });  // a trap would end the test run
+  with_host_env([] { feenableexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW); }, [] {
+    const Env before = observe();
+    EXPECT_EQ(error_of([] { fp::checked([] { return fp::opaque(1.0) / fp::opaque(0.0); }); }), 11);
+    EXPECT_EQ(observe(), before);
+    EXPECT_EQ(error_of([] { to_single(1e300); }), 6);
+    EXPECT_EQ(observe(), before);
+    EXPECT_EQ(error_of([] { power(0.0, -1.0); }), 11);
+    EXPECT_EQ(error_of([] { power(10.0, 400.0); }), 6);
+    EXPECT_EQ(observe(), before);
+  });
+  std::signal(SIGFPE, previous);
+}
+
+TEST(FloatingCheck, HostRoundingModeAndStickyFlagsSurvive) {
+  with_host_env([] { std::fesetround(FE_UPWARD); std::feraiseexcept(FE_INEXACT | FE_UNDERFLOW); }, [] {
+    const Env before = observe();
+    // 1 + 2^-30 rounds to 1.0f to nearest, to the next float upward.
+    EXPECT_EQ(to_single(1.0 + 0x1p-30), 1.0f);
+    EXPECT_EQ(power(2.0, 0.5), 1.4142135623730951);
+    EXPECT_EQ(error_of([] { fp::checked([] { return fp::opaque(0.0) / fp::opaque(0.0); }); }), 6);
+    EXPECT_EQ(observe(), before);
+    EXPECT_EQ(std::fegetround(), FE_UPWARD);
+    EXPECT_TRUE(std::fetestexcept(FE_INEXACT) && std::fetestexcept(FE_UNDERFLOW));
+  });
+}
+
+TEST(Conversions, RoundHalvesToEvenAndCheckRange) {
+  struct Case { double in; int expected_value; int expected_error; };
+  const Case to16[] = {{2.5, 2, 0},       {3.5, 4, 0},        {-2.5, -2, 0},     {-3.5, -4, 0},
+                       {0.5, 0, 0},        {1.5, 2, 0},        {32767.4, 32767, 0}, {32767.5, 0, 6},
+                       {-32768.5, -32768, 0}, {-32769, 0, 6}, {1e300, 0, 6},
+                       {std::numeric_limits<double>::quiet_NaN(), 0, 6},
+                       {std::numeric_limits<double>::infinity(), 0, 6}};
+  for (const auto& c : to16) {
+    int got = 0;
+    EXPECT_EQ(error_of([&] { got = to_integer(c.in); }), c.expected_error) << c.in;
+    if (c.expected_error == 0) { EXPECT_EQ(got, c.expected_value) << c.in; }
+  }
+  const Case to32[] = {{2147483647.4, 2147483647, 0}, {2147483647.5, 0, 6}, {-2147483648.5, INT32_MIN, 0},
+                       {-2147483649.0, 0, 6}, {-0.5, 0, 0}, {4.5, 4, 0}};
+  for (const auto& c : to32) {
+    int got = 0;
+    EXPECT_EQ(error_of([&] { got = to_long(c.in); }), c.expected_error) << c.in;
+    if (c.expected_error == 0) { EXPECT_EQ(got, c.expected_value) << c.in; }
+  }
+}
+
+TEST(Conversions, DoubleToSingleRoundsToNearestAndOverflows) {
+  struct Case { double in; std::uint32_t bits; int error; };
+  const Case cases[] = {
+      {double(FLT_MAX), 0x7f7fffff, 0},
+      {double(FLT_MAX) * (1 + 0x1p-25), 0x7f7fffff, 0},  // below the halfway point to 2^128
+      {0x1p128, 0, 6},
+      {-1e39, 0, 6},
+      {0x1p-149, 0x00000001, 0},    // smallest denormal
+      {0x1p-150, 0x00000000, 0},    // halfway to zero: ties to even
+      {-0.0, 0x80000000, 0},
+      {1.0 + 0x1p-24, 0x3f800000, 0},               // tie: even neighbour 1.0
+      {1.0 + 0x1p-24 + 0x1p-40, 0x3f800001, 0},     // just above the tie
+  };
+  for (const auto& c : cases) {
+    float got = 0;
+    EXPECT_EQ(error_of([&] { got = to_single(c.in); }), c.error) << c.in;
+    if (c.error == 0) { EXPECT_EQ(std::bit_cast<std::uint32_t>(got), c.bits) << c.in; }
+  }
+}
+
+TEST(CheckedArithmetic, LimitsOfBothWidths) {
+  EXPECT_EQ(error_of([] { checked_add<Integer>(32767, 1); }), 6);
+  EXPECT_EQ(error_of([] { checked_sub<Integer>(-32768, 1); }), 6);
+  EXPECT_EQ(error_of([] { checked_mul<Integer>(-32768, -1); }), 6);
+  EXPECT_EQ(error_of([] { checked_div<Integer>(-32768, -1); }), 6);
+  EXPECT_EQ(error_of([] { checked_div<Integer>(5, 0); }), 11);
+  EXPECT_EQ(error_of([] { checked_add<Long>(INT32_MAX, 1); }), 6);
+  EXPECT_EQ(error_of([] { checked_div<Long>(INT32_MIN, -1); }), 6);
+  EXPECT_EQ(checked_mul<Integer>(-16384, 2), -32768);
+  EXPECT_EQ(checked_div<Integer>(-7, 2), -3);
+  EXPECT_EQ(checked_div<Long>(INT32_MIN, 1), INT32_MIN);
+}
+
+TEST(PowerService, ErrorsOfResultsThatAreNotFinite) {
+  EXPECT_EQ(error_of([] { power(0.0, -1.0); }), 11);
+  EXPECT_EQ(error_of([] { power(-8.0, 1.0 / 3.0); }), 5);
+  EXPECT_EQ(error_of([] { power(2.0, 1024.0); }), 6);
+  EXPECT_EQ(power(2.0, -1.0), 0.5);
+  EXPECT_EQ(power(-2.0, 15.0), -32768.0);
+  EXPECT_EQ(power(0.0, 0.0), 1.0);
+}
+
+}  // namespace
+}  // namespace valmetra
