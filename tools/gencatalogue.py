@@ -231,6 +231,8 @@ def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--source", required=True)
     ap.add_argument("--out", required=True)
+    ap.add_argument("--windows", action="store_true",
+                    help="also write the IDL, dispatch tables and COM objects")
     args = ap.parse_args()
     try:
         lib, classes = load(args.source)
@@ -239,10 +241,9 @@ def main():
         return 1
     os.makedirs(args.out, exist_ok=True)
     write_if_changed(os.path.join(args.out, "text_constants_table.inc"), gen_text_table(classes))
-    try:
+    gencom = None
+    if args.windows:
         import gencom  # Windows outputs: IDL, dispatch tables, COM objects
-    except ImportError:
-        gencom = None
     missing = [c.name for c in classes if c.members is None]
     if gencom is not None and missing:
         print(f"gencatalogue: no member file for {', '.join(missing)}", file=sys.stderr)

@@ -1,0 +1,132 @@
+#include "stats/average.h"
+
+#include <cmath>
+#include <functional>
+#include <string_view>
+#include <type_traits>
+
+#include "frame/fp.h"
+#include "stats/number_text.h"
+
+namespace valmetra {
+
+namespace {
+
+// Positions in a number string are 16-bit.
+constexpr std::size_t kMaxPosition = 32767;
+
+std::u16string_view trim_spaces(std::u16string_view s) noexcept {
+  const auto first = s.find_first_not_of(u' ');
+  if (first == std::u16string_view::npos) return {};
+  return s.substr(first, s.find_last_not_of(u' ') - first + 1);
+}
+
+// The value of an item as a number, for comparing it.
+template <class Item>
+double item_number(const Item& item) {
+  if (const auto* text = std::get_if<std::u16string>(&item)) return text_to_number(*text);
+  return static_cast<double>(std::get<0>(item));
+}
+
+// The value of an item as the running sum's addend.
+template <class Element, class Item>
+Element item_addend(const Item& item) {
+  const auto* text = std::get_if<std::u16string>(&item);
+  if (text == nullptr) return std::get<0>(item);
+  const double number = text_to_number(*text);
+  if constexpr (std::is_same_v<Element, Single>) {
+    return to_single(number);
+  } else {
+    return to_integer(std::floor(number));  // whole part, rounded down
+  }
+}
+
+template <class Item>
+void append_item_text(std::u16string& out, const Item& item) {
+  if (const auto* text = std::get_if<std::u16string>(&item)) {
+    out += *text;
+  } else if constexpr (std::is_same_v<std::variant_alternative_t<0, Item>, Single>) {
+    append_single_text(out, std::get<0>(item));
+  } else {
+    append_integer_text(out, std::get<0>(item));
+  }
+}
+
+}  // namespace
+
+template <class Element, class Sum>
+Single SampleAverage<Element, Sum>::DataAverage() {
+  Sum sum;
+  for (const Item& item : items_) sum.Add(item_addend<Element>(item));
+  if (items_.empty()) return 0.0f;
+  const Element total = sum.Default();
+  fp::Scope scope;
+  const double mean = fp::opaque(fp::opaque(static_cast<double>(total)) /
+                                 fp::opaque(static_cast<double>(items_.size())));
+  return fp::opaque(static_cast<Single>(mean));
+}
+
+template <class Element, class Sum>
+template <class Beyond>
+Element SampleAverage<Element, Sum>::extreme(Beyond beyond) const {
+  Integer running = 0;
+  for (const Item& item : items_) {
+    const double number = item_number(item);
+    if (beyond(number, static_cast<double>(running))) running = to_integer(number);
+  }
+  return static_cast<Element>(running);
+}
+
+template <class Element, class Sum>
+Element SampleAverage<Element, Sum>::DataHighest() {
+  return extreme(std::greater<double>());
+}
+
+template <class Element, class Sum>
+Element SampleAverage<Element, Sum>::DataLowest() {
+  return extreme(std::less<double>());
+}
+
+template <class Element, class Sum>
+std::u16string SampleAverage<Element, Sum>::GiveMeYourNumbers() {
+  std::size_t size = 0;
+  for (const Item& item : items_) {
+    const auto* text = std::get_if<std::u16string>(&item);
+    size += 2 + (text != nullptr ? text->size() : 16);
+  }
+  std::u16string result;
+  result.reserve(size);
+  IntegerData counter;
+  for (const Item& item : items_) {
+    if (counter.Default() != 0) result += u", ";
+    counter.IncrementYourself();
+    append_item_text(result, item);
+  }
+  return result;
+}
+
+template <class Element, class Sum>
+void SampleAverage<Element, Sum>::IncludeThisStringOfNumbers(const std::u16string& NumberString) {
+  const std::u16string_view text = NumberString;
+  Integer start = 1;
+  // A comma in the first position is never a separator.
+  std::size_t comma = text.find(u',', 1);
+  while (comma != std::u16string_view::npos) {
+    if (comma + 1 > kMaxPosition) raise_overflow();
+    const auto position = static_cast<Integer>(comma + 1);
+    const auto first = static_cast<std::size_t>(start - 1);
+    items_.emplace_back(std::in_place_index<1>,
+                        trim_spaces(text.substr(first, static_cast<std::size_t>(position - start))));
+    start = checked_add<Integer>(position, 1);
+    comma = text.find(u',', static_cast<std::size_t>(start - 1));
+  }
+  const auto first = static_cast<std::size_t>(start - 1);
+  const std::size_t rest = text.size() - first;
+  if (rest > kMaxPosition) raise_overflow();
+  if (rest > 0) items_.emplace_back(std::in_place_index<1>, text.substr(first));
+}
+
+template class SampleAverage<Single, SingleData>;
+template class SampleAverage<Integer, IntegerData>;
+
+}  // namespace valmetra

@@ -1,0 +1,270 @@
+#include "stats/number_text.h"
+
+#include <array>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <string>
+#include <system_error>
+
+#include "frame/fp.h"
+
+namespace valmetra {
+
+namespace {
+
+constexpr bool is_blank(char16_t c) noexcept { return c == u' ' || c == u'\t'; }
+constexpr bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
+
+// A run of decimal digits starting at a given index.
+struct DigitRun {
+  std::size_t end = 0;            // index after the run
+  std::size_t count = 0;          // digits in the run
+  std::size_t leading_zeros = 0;  // zeros before the first non-zero digit
+  bool all_zero = true;
+};
+
+DigitRun scan_digits(const std::string& s, std::size_t i) {
+  DigitRun run;
+  for (; i < s.size() && is_digit(s[i]); ++i) {
+    if (s[i] != '0') run.all_zero = false;
+    if (run.all_zero) ++run.leading_zeros;
+    ++run.count;
+  }
+  run.end = i;
+  return run;
+}
+
+}  // namespace
+
+double text_to_number(std::u16string_view text) {
+  std::size_t first = 0;
+  std::size_t last = text.size();
+  while (first < last && is_blank(text[first])) ++first;
+  while (last > first && is_blank(text[last - 1])) --last;
+  if (first == last) raise_type_mismatch();
+
+  // Only ASCII can be part of a number; narrow it once.
+  std::string s;
+  s.reserve(last - first);
+  for (std::size_t i = first; i < last; ++i) {
+    const char16_t c = text[i];
+    if (c > 0x7F) raise_type_mismatch();
+    s.push_back(static_cast<char>(c));
+  }
+
+  // Check the whole grammar here: std::from_chars alone would accept "inf",
+  // "nan" and stop early at anything it does not know.
+  std::size_t i = 0;
+  bool negative = false;
+  if (s[i] == '+' || s[i] == '-') {
+    negative = s[i] == '-';
+    ++i;
+  }
+  const std::size_t mantissa = i;
+  const DigitRun whole = scan_digits(s, i);
+  i = whole.end;
+  DigitRun fraction;
+  if (i < s.size() && s[i] == '.') {
+    fraction = scan_digits(s, i + 1);
+    i = fraction.end;
+  }
+  if (whole.count == 0 && fraction.count == 0) raise_type_mismatch();
+  long long exponent = 0;
+  if (i < s.size() && (s[i] == 'e' || s[i] == 'E')) {
+    ++i;
+    bool exponent_negative = false;
+    if (i < s.size() && (s[i] == '+' || s[i] == '-')) {
+      exponent_negative = s[i] == '-';
+      ++i;
+    }
+    if (i == s.size() || !is_digit(s[i])) raise_type_mismatch();
+    for (; i < s.size() && is_digit(s[i]); ++i) {
+      if (exponent < 1'000'000'000) exponent = exponent * 10 + (s[i] - '0');
+    }
+    if (exponent_negative) exponent = -exponent;
+  }
+  if (i != s.size()) raise_type_mismatch();
+
+  double magnitude = 0.0;
+  std::from_chars_result r;
+  {
+    fp::Scope scope;  // the conversion's fast path relies on round to nearest
+    r = std::from_chars(s.data() + mantissa, s.data() + s.size(), magnitude,
+                        std::chars_format::general);
+  }
+  if (r.ec == std::errc::result_out_of_range) {
+    // Tell a huge value from a tiny one by the decimal exponent of the first
+    // non-zero digit; nothing near the Double range's ends is out of range.
+    long long lead;
+    if (!whole.all_zero) {
+      lead = static_cast<long long>(whole.count - whole.leading_zeros) - 1;
+    } else {
+      lead = -static_cast<long long>(fraction.leading_zeros) - 1;
+    }
+    if (lead + exponent > 0) raise_overflow();
+    magnitude = 0.0;
+  } else if (r.ec != std::errc() || r.ptr != s.data() + s.size()) {
+    raise_type_mismatch();
+  }
+  return negative ? -magnitude : magnitude;
+}
+
+void append_single_text(std::u16string& out, Single value) {
+  if (std::isnan(value)) {
+    out += u"NaN";
+    return;
+  }
+  if (std::isinf(value)) {
+    out += value < 0 ? u"-Infinity" : u"Infinity";
+    return;
+  }
+  if (value == 0.0f) {
+    out += u'0';
+    return;
+  }
+
+  // Scientific form: [-]d[.ddd]e(+|-)dd
+  std::array<char, 48> buf{};
+  std::to_chars_result r;
+  {
+    fp::Scope scope;
+    r = std::to_chars(buf.data(), buf.data() + buf.size(), value, std::chars_format::scientific);
+  }
+  auto significant = [&](const char* end) {
+    int n = 0;
+    for (const char* p = buf.data(); p != end && *p != 'e'; ++p) n += is_digit(*p) ? 1 : 0;
+    return n;
+  };
+  if (significant(r.ptr) > 7) {
+    fp::Scope scope;
+    r = std::to_chars(buf.data(), buf.data() + buf.size(), value, std::chars_format::scientific, 6);
+  }
+
+  const char* p = buf.data();
+  const char* const end = r.ptr;
+  const bool negative = *p == '-';
+  if (negative) ++p;
+  std::array<char, 16> digits{};
+  std::size_t n = 0;
+  for (; p != end && *p != 'e'; ++p) {
+    if (is_digit(*p) && n < digits.size()) digits[n++] = *p;
+  }
+  while (n > 1 && digits[n - 1] == '0') --n;  // trailing zeros are never written
+  int exponent = 0;
+  {
+    const char* q = p + 1;  // after 'e'
+    const bool exponent_negative = *q == '-';
+    ++q;
+    std::from_chars(q, end, exponent);
+    if (exponent_negative) exponent = -exponent;
+  }
+
+  if (negative) out += u'-';
+  if (exponent <= -5 || exponent >= 7) {
+    out += static_cast<char16_t>(digits[0]);
+    if (n > 1) {
+      out += u'.';
+      for (std::size_t k = 1; k < n; ++k) out += static_cast<char16_t>(digits[k]);
+    }
+    out += u'E';
+    out += exponent < 0 ? u'-' : u'+';
+    const int magnitude = exponent < 0 ? -exponent : exponent;
+    if (magnitude < 10) out += u'0';
+    append_integer_text(out, static_cast<Integer>(magnitude));
+  } else if (exponent >= 0) {
+    const std::size_t whole = static_cast<std::size_t>(exponent) + 1;
+    for (std::size_t k = 0; k < whole; ++k) out += static_cast<char16_t>(k < n ? digits[k] : '0');
+    if (n > whole) {
+      out += u'.';
+      for (std::size_t k = whole; k < n; ++k) out += static_cast<char16_t>(digits[k]);
+    }
+  } else {
+    out += u"0.";
+    out.append(static_cast<std::size_t>(-exponent - 1), u'0');
+    for (std::size_t k = 0; k < n; ++k) out += static_cast<char16_t>(digits[k]);
+  }
+}
+
+std::u16string single_to_text(Single value) {
+  std::u16string out;
+  append_single_text(out, value);
+  return out;
+}
+
+void append_integer_text(std::u16string& out, Integer value) {
+  std::array<char, 8> buf{};
+  const auto r = std::to_chars(buf.data(), buf.data() + buf.size(), value);
+  for (const char* p = buf.data(); p != r.ptr; ++p) out += static_cast<char16_t>(*p);
+}
+
+namespace {
+
+// Decimal digits of m * 2^shift for a whole number m, most significant first.
+std::string whole_decimal(std::uint64_t m, unsigned shift) {
+  // Little-endian limbs of base 10^9; at most 2^31 * 2^104 here, 14 limbs.
+  constexpr std::uint32_t kBase = 1'000'000'000;
+  std::array<std::uint32_t, 16> limbs{};
+  std::size_t used = 0;
+  while (m != 0) {
+    limbs[used++] = static_cast<std::uint32_t>(m % kBase);
+    m /= kBase;
+  }
+  for (unsigned s = 0; s < shift; ++s) {
+    std::uint32_t carry = 0;
+    for (std::size_t k = 0; k < used; ++k) {
+      const std::uint64_t v = static_cast<std::uint64_t>(limbs[k]) * 2 + carry;
+      limbs[k] = static_cast<std::uint32_t>(v % kBase);
+      carry = static_cast<std::uint32_t>(v / kBase);
+    }
+    if (carry != 0) limbs[used++] = carry;
+  }
+  std::string text;
+  for (std::size_t k = used; k-- > 0;) {
+    std::array<char, 10> buf{};
+    const auto r = std::to_chars(buf.data(), buf.data() + buf.size(), limbs[k]);
+    const auto len = static_cast<std::size_t>(r.ptr - buf.data());
+    if (k + 1 != used) text.append(9 - len, '0');  // inner limbs keep their zeros
+    text.append(buf.data(), len);
+  }
+  return text;
+}
+
+}  // namespace
+
+std::u16string percent_display_text(Single ratio) {
+  if (!std::isfinite(ratio)) raise_overflow();
+  // ratio = m * 2^e exactly, with m a 24-bit whole number.
+  const auto bits = std::bit_cast<std::uint32_t>(ratio);
+  const bool negative = (bits >> 31) != 0;
+  const std::uint32_t biased = (bits >> 23) & 0xFF;
+  const std::uint32_t fraction = bits & 0x7FFFFF;
+  const std::uint64_t m = biased == 0 ? fraction : (fraction | 0x800000u);
+  const int e = biased == 0 ? -149 : static_cast<int>(biased) - 150;
+  const std::uint64_t hundred_m = 100 * m;  // below 2^31
+
+  std::string digits;
+  if (e >= 0) {
+    digits = whole_decimal(hundred_m, static_cast<unsigned>(e));
+  } else {
+    // hundred_m / 2^s, rounded half away from zero on the magnitude.
+    const unsigned s = static_cast<unsigned>(-e);
+    std::uint64_t whole = 0;
+    if (s <= 32) {
+      whole = hundred_m >> s;
+      const std::uint64_t rest = hundred_m - (whole << s);
+      if (2 * rest >= (std::uint64_t{1} << s)) ++whole;
+    }  // beyond 2^32 the quotient is below 2^31 / 2^33 < 1/2: rounds to 0
+    if (whole != 0) digits = whole_decimal(whole, 0);
+  }
+
+  std::u16string out;
+  out.reserve(digits.size() + 2);
+  if (negative && !digits.empty()) out += u'-';
+  for (char c : digits) out += static_cast<char16_t>(c);
+  out += u'%';
+  return out;
+}
+
+}  // namespace valmetra
