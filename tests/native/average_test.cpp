@@ -6,18 +6,12 @@
 #include "frame/error.h"
 #include "stats/average.h"
 
+#include "test_support.h"
+
 namespace valmetra {
 namespace {
 
-template <class F>
-int error_of(F&& f) {
-  try {
-    f();
-  } catch (const Error& e) {
-    return e.number();
-  }
-  return 0;
-}
+using test::error_of;
 
 std::u16string repeat(std::size_t n, char16_t c) { return std::u16string(n, c); }
 std::string narrow(std::u16string_view s) { return std::string(s.begin(), s.end()); }

@@ -12,6 +12,8 @@
 #include "frame/arith.h"
 #include "frame/fp.h"
 
+#include "test_support.h"
+
 namespace valmetra {
 namespace {
 
@@ -43,14 +45,7 @@ void with_host_env(Apply apply, Body body) {
   std::fesetenv(&before);
 }
 
-int error_of(auto&& f) {
-  try {
-    f();
-  } catch (const Error& e) {
-    return e.number();
-  }
-  return 0;
-}
+using test::error_of;
 
 TEST(FloatingCheck, ReportsExactlyTheThreeConditions) {
   struct Case { const char* what; double a, b; int expected; };

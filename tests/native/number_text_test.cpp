@@ -10,18 +10,12 @@
 #include "frame/error.h"
 #include "stats/number_text.h"
 
+#include "test_support.h"
+
 namespace valmetra {
 namespace {
 
-template <class F>
-int error_of(F&& f) {
-  try {
-    f();
-  } catch (const Error& e) {
-    return e.number();
-  }
-  return 0;
-}
+using test::error_of;
 
 TEST(NumberTextRead, AcceptedForms) {
   struct Case { const char16_t* text; double value; };

@@ -8,18 +8,12 @@
 #include "frame/error.h"
 #include "stats/percent.h"
 
+#include "test_support.h"
+
 namespace valmetra {
 namespace {
 
-template <class F>
-int error_of(F&& f) {
-  try {
-    f();
-  } catch (const Error& e) {
-    return e.number();
-  }
-  return 0;
-}
+using test::error_of;
 
 template <class Counter>
 class PercentCounters : public ::testing::Test {};
