@@ -6,7 +6,7 @@ export WINEDEBUG := -all
 
 APT_PACKAGES := cmake g++ make python3 googletest libgtest-dev clang libclang-rt-14-dev \
   g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix mingw-w64-tools \
-  wine wine64 libwine-dev msitools
+  wine wine64 libwine-dev msitools wixl
 
 .PHONY: deps native native-release windows test test-native test-windows demo dist bench fuzz clean
 
@@ -39,15 +39,19 @@ test-native: native native-release
 	ctest --preset native-release -j $(JOBS)
 
 test-windows: windows
-	@if [ -x tests/windows/run.sh ]; then tests/windows/run.sh; fi
+	tests/windows/run.sh
+	tests/deploy/run.sh
 
 test: test-native test-windows
 
-demo: native-release
-	./build/native-release/examples/host_demo
+# The main job: the Windows build, registered into a private Wine prefix and
+# driven by the host scripts of examples/.
+demo: windows
+	examples/run-demo.sh
 
 dist: windows
-	@if [ -x tools/dist.sh ]; then tools/dist.sh; fi
+	tools/dist.sh
+	tools/dist-extra.sh
 
 bench: native-release
 	@if [ -x bench/run.sh ]; then bench/run.sh; fi

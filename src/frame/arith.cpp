@@ -1,6 +1,8 @@
 #include "frame/arith.h"
 
+#include <bit>
 #include <cmath>
+#include <cstdint>
 
 #include "frame/fp.h"
 
@@ -31,6 +33,13 @@ Integer to_integer(double x) { return to_checked_int<Integer>(x); }
 Long to_long(double x) { return to_checked_int<Long>(x); }
 
 Single to_single(double x) {
+  // A Double that a Single holds exactly (zero, or a normal Single's range
+  // with at most 24 significant bits) converts without rounding and without
+  // raising anything, whatever the environment: no scope needed.
+  const auto bits = std::bit_cast<std::uint64_t>(x);
+  const int exponent = static_cast<int>((bits >> 52) & 0x7FF) - 1023;
+  if ((bits << 1) == 0 || ((bits & 0x1FFFFFFFu) == 0 && exponent >= -126 && exponent <= 127))
+    return static_cast<float>(x);
   fp::Scope scope;  // round to nearest whatever the caller set
   const float r = fp::opaque(static_cast<float>(fp::opaque(x)));
   if (std::isinf(r)) raise_overflow();
@@ -40,7 +49,7 @@ Single to_single(double x) {
 double power(double x, double y) {
   double r;
   {
-    fp::Scope scope;
+    fp::Scope scope(fp::Units::WithX87);  // some runtimes' pow works in x87 extended precision
     r = fp::opaque(std::pow(fp::opaque(x), fp::opaque(y)));
   }
   if (std::isfinite(r)) return r;

@@ -8,6 +8,17 @@
 // recorded conditions: invalid operation, division by zero or overflow raise
 // the floating-point error; underflow and inexact never do.
 //
+// Which units a scope covers: on x86-64 compiled floating code runs on the
+// SSE unit alone, so a scope saves, sets and restores MXCSR only and the
+// x87 unit is left exactly as the caller had it. The x87 unit is used there
+// only by runtime routines that compute in extended precision (the pow of
+// some C runtimes); the code calling such a routine opens its scope with
+// Units::WithX87, which also masks the x87 exceptions and restores the x87
+// control word and flags. On 32-bit x86 every scope covers both units
+// (results pass through the x87 registers there). Elsewhere a scope saves
+// and restores the whole <cfenv> environment. fp.cpp says why the
+// environment is not simply saved with std::fegetenv on x86.
+//
 // The compiler must neither fold a floating step at compile time nor move it
 // across the check. fp::opaque() hides a value from the optimiser and pins
 // its computation before every later barrier; fp::check() starts with a
@@ -15,6 +26,7 @@
 #pragma once
 
 #include <cfenv>
+#include <cstdint>
 
 #include "frame/error.h"
 
@@ -28,15 +40,25 @@ inline constexpr ErrorNumber kInvalidError = ErrorNumber::Overflow;
 inline constexpr ErrorNumber kDivideByZeroError = ErrorNumber::DivisionByZero;
 inline constexpr ErrorNumber kOverflowError = ErrorNumber::Overflow;
 
+// The floating units a scope must cover besides what compiled code uses.
+enum class Units : std::uint8_t { Compiled, WithX87 };
+
 class Scope {
  public:
-  Scope() noexcept;
+  explicit Scope(Units units = Units::Compiled) noexcept;
   ~Scope();
   Scope(const Scope&) = delete;
   Scope& operator=(const Scope&) = delete;
 
  private:
+#if defined(__x86_64__) || defined(__i386__)
+  std::uint32_t mxcsr_;        // the caller's SSE masks, rounding, flags, FTZ/DAZ
+  std::uint16_t x87_control_;  // the caller's x87 control word, when covered
+  std::uint16_t x87_flags_;    // the caller's x87 exception flags, when covered
+  bool x87_;
+#else
   std::fenv_t saved_;
+#endif
 };
 
 // Forces the value into a register at this point: the compiler can neither
@@ -54,7 +76,9 @@ template <class T>
 // Clears the recorded conditions (after a call into another object).
 void clear() noexcept;
 // Raises the floating-point error when invalid operation, division by zero
-// or overflow has been recorded since the last clear. Must run inside a Scope.
+// or overflow has been recorded since the last clear. Both look at the units
+// compiled code uses (SSE; on 32-bit x86 the x87 unit as well). Must run
+// inside a Scope.
 void check();
 
 // Runs one floating step inside a scope and checks it: the common shape

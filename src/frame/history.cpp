@@ -1,6 +1,7 @@
 #include "frame/history.h"
 
 #include <atomic>
+#include <utility>
 
 namespace valmetra {
 
@@ -8,7 +9,20 @@ namespace {
 std::unique_ptr<ValueHistory> make_in_process() { return std::make_unique<InProcessHistory>(); }
 
 std::atomic<HistoryFactory> g_factory{&make_in_process};
+#ifdef _WIN32
+// In the Windows DLLs (static mingw runtime) a thread_local with a destructor
+// makes the runtime run per-thread exit handlers that crash in its thread
+// cleanup for threads the DLL did not create, and the process then hangs at
+// exit. There the slot is a plain pointer; the hosting layer ends each
+// apartment's history with release_thread_history().
+thread_local ValueHistory* t_history = nullptr;
+ValueHistory* adopt(std::unique_ptr<ValueHistory> h) noexcept { return h.release(); }
+void drop_thread_history() noexcept { delete std::exchange(t_history, nullptr); }
+#else
 thread_local std::unique_ptr<ValueHistory> t_history;
+std::unique_ptr<ValueHistory> adopt(std::unique_ptr<ValueHistory> h) noexcept { return h; }
+void drop_thread_history() noexcept { t_history.reset(); }
+#endif
 
 template <class T>
 T pop(std::vector<T>& v, std::u16string_view name) {
@@ -36,7 +50,7 @@ void raise_history_empty(std::u16string_view type_name) {
 }
 
 ValueHistory& history() {
-  if (!t_history) t_history = g_factory.load(std::memory_order_acquire)();
+  if (!t_history) t_history = adopt(g_factory.load(std::memory_order_acquire)());
   return *t_history;
 }
 
@@ -44,7 +58,7 @@ void set_history_factory(HistoryFactory factory) noexcept {
   g_factory.store(factory ? factory : &make_in_process, std::memory_order_release);
 }
 
-void release_thread_history() noexcept { t_history.reset(); }
+void release_thread_history() noexcept { drop_thread_history(); }
 
 Flag InProcessHistory::PopBoolean() { return pop(booleans_, u"Boolean"); }
 void InProcessHistory::PushBoolean(Flag& value) { booleans_.push_back(value); }

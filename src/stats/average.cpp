@@ -1,5 +1,6 @@
 #include "stats/average.h"
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <string_view>
@@ -67,8 +68,25 @@ Single SampleAverage<Element, Sum>::DataAverage() {
 }
 
 template <class Element, class Sum>
+void SampleAverage<Element, Sum>::AddNumericData(Element APieceOfData) {
+  if constexpr (std::is_floating_point_v<Element>) {
+    // Compared in the library's environment: a NaN or a denormal must not
+    // raise a condition in the caller's, nor a denormal count as 0 there.
+    fp::Scope scope;
+    volatile bool positive = fp::opaque(APieceOfData) > Element{0};
+    if (!positive) return;
+  } else {
+    if (!(APieceOfData > Element{0})) return;
+  }
+  AddAPieceOfData(APieceOfData);
+}
+
+template <class Element, class Sum>
 template <class Beyond>
 Element SampleAverage<Element, Sum>::extreme(Beyond beyond) const {
+  // Items are widened, compared and rounded in the library's environment (a
+  // NaN or denormal item raises conditions that must not reach the caller).
+  fp::Scope scope;
   Integer running = 0;
   for (const Item& item : items_) {
     const double number = item_number(item);
@@ -108,6 +126,12 @@ std::u16string SampleAverage<Element, Sum>::GiveMeYourNumbers() {
 template <class Element, class Sum>
 void SampleAverage<Element, Sum>::IncludeThisStringOfNumbers(const std::u16string& NumberString) {
   const std::u16string_view text = NumberString;
+  // Room for every piece at once, growing at least geometrically so that
+  // appending string after string stays linear: no item moves while cutting.
+  std::size_t pieces = 1;
+  for (std::size_t at = text.find(u',', 1); at != std::u16string_view::npos; at = text.find(u',', at + 1)) ++pieces;
+  if (items_.size() + pieces > items_.capacity())
+    items_.reserve(std::max(items_.size() + pieces, 2 * items_.capacity()));
   Integer start = 1;
   // A comma in the first position is never a separator.
   std::size_t comma = text.find(u',', 1);

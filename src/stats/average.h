@@ -60,9 +60,7 @@ class SampleAverage {
   Single DataAverage();
   void AddAPieceOfData(Element APieceOfData) { items_.emplace_back(std::in_place_index<0>, APieceOfData); }
   // Only values above 0 are added; 0 and negative values are ignored.
-  void AddNumericData(Element APieceOfData) {
-    if (APieceOfData > Element{0}) AddAPieceOfData(APieceOfData);
-  }
+  void AddNumericData(Element APieceOfData);
   Element DataHighest();
   Element DataLowest();
   Element DataMedian() { return Element{0}; }
@@ -71,7 +69,7 @@ class SampleAverage {
   std::u16string GiveMeYourNumbers();
   // Drops every item, then appends the pieces of NumberString.
   void HereIsAStringOfNumbers(const std::u16string& NumberString) {
-    std::vector<Item>().swap(items_);
+    items_.clear();  // keeps the list's storage for the new items
     IncludeThisStringOfNumbers(NumberString);
   }
   void IncludeThisStringOfNumbers(const std::u16string& NumberString);
@@ -82,6 +80,9 @@ class SampleAverage {
   template <class Beyond>
   Element extreme(Beyond beyond) const;
 
+  // Storage is kept when the list is emptied and grows geometrically (see
+  // IncludeThisStringOfNumbers): a list replaced again and again is refilled
+  // without allocating, and its items never move while a string is cut.
   std::vector<Item> items_;
 };
 

@@ -36,6 +36,79 @@ DigitRun scan_digits(const std::string& s, std::size_t i) {
   return run;
 }
 
+constexpr bool is_digit16(char16_t c) noexcept { return c >= u'0' && c <= u'9'; }
+
+// The powers of ten that a Double holds exactly.
+constexpr std::array<double, 23> kExactPowersOfTen = {
+    1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+    1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+constexpr std::array<std::uint64_t, 16> kWholePowersOfTen = {
+    1,          10,          100,          1000,          10000,          100000,          1000000,          10000000,
+    100000000,  1000000000,  10000000000,  100000000000,  1000000000000,  10000000000000,  100000000000000,  1000000000000000};
+constexpr std::uint64_t kExactIntegerLimit = std::uint64_t{1} << 53;
+
+// The common case without std::from_chars: a well-formed number whose
+// digits (at most 19, leading zeros included) form a whole number m up to
+// 2^53 and whose decimal exponent e, after moving the point behind the last
+// digit, lies in -22..22. Then m and 10^|e| are exact Doubles, so m * 10^e
+// or m / 10^-e is one correctly rounded step (the classic fast path for
+// decimal conversion), done under the library's floating environment; when
+// m * 10^e is a whole number up to 2^53 no floating step is needed at all.
+// Anything else (other forms, errors included) answers false and is left to
+// the general path, which gives the same value for every text taken here.
+bool fast_text_to_number(std::u16string_view text, std::size_t i, std::size_t last, double& out) {
+  bool negative = false;
+  if (text[i] == u'+' || text[i] == u'-') {
+    negative = text[i] == u'-';
+    ++i;
+  }
+  std::uint64_t m = 0;
+  int digits = 0;
+  int fraction_digits = 0;
+  for (; i < last && is_digit16(text[i]); ++i, ++digits) m = m * 10 + static_cast<unsigned>(text[i] - u'0');
+  if (i < last && text[i] == u'.') {
+    for (++i; i < last && is_digit16(text[i]); ++i, ++digits, ++fraction_digits)
+      m = m * 10 + static_cast<unsigned>(text[i] - u'0');
+  }
+  if (digits == 0 || digits > 19) return false;
+  int exponent = 0;
+  if (i < last && (text[i] == u'e' || text[i] == u'E')) {
+    ++i;
+    bool exponent_negative = false;
+    if (i < last && (text[i] == u'+' || text[i] == u'-')) {
+      exponent_negative = text[i] == u'-';
+      ++i;
+    }
+    int exponent_digits = 0;
+    for (; i < last && is_digit16(text[i]); ++i, ++exponent_digits) {
+      if (exponent_digits == 4) return false;
+      exponent = exponent * 10 + (text[i] - u'0');
+    }
+    if (exponent_digits == 0) return false;
+    if (exponent_negative) exponent = -exponent;
+  }
+  if (i != last) return false;
+  if (m > kExactIntegerLimit) return false;
+  const int e = exponent - fraction_digits;
+  double magnitude;
+  if (m == 0) {
+    magnitude = 0.0;
+  } else if (e == 0) {
+    magnitude = static_cast<double>(m);  // exact
+  } else if (e > 0 && e <= 15 && m <= kExactIntegerLimit / kWholePowersOfTen[e]) {
+    magnitude = static_cast<double>(m * kWholePowersOfTen[e]);  // exact
+  } else if (e >= -22 && e <= 22) {
+    fp::Scope scope;  // the one rounding step must round to nearest
+    const double power = fp::opaque(kExactPowersOfTen[static_cast<std::size_t>(e < 0 ? -e : e)]);
+    const double whole = fp::opaque(static_cast<double>(m));
+    magnitude = fp::opaque(e < 0 ? whole / power : whole * power);
+  } else {
+    return false;
+  }
+  out = negative ? -magnitude : magnitude;
+  return true;
+}
+
 }  // namespace
 
 double text_to_number(std::u16string_view text) {
@@ -44,6 +117,7 @@ double text_to_number(std::u16string_view text) {
   while (first < last && is_blank(text[first])) ++first;
   while (last > first && is_blank(text[last - 1])) --last;
   if (first == last) raise_type_mismatch();
+  if (double fast; fast_text_to_number(text, first, last, fast)) return fast;
 
   // Only ASCII can be part of a number; narrow it once.
   std::string s;
@@ -112,6 +186,11 @@ double text_to_number(std::u16string_view text) {
 }
 
 void append_single_text(std::u16string& out, Single value) {
+  // All of it in the library's environment: even classifying or comparing a
+  // denormal or a NaN would raise a condition in the caller's environment (or
+  // trap there), and a caller's denormals-are-zero would make a denormal 0.
+  fp::Scope scope;
+  value = fp::opaque(value);
   if (std::isnan(value)) {
     out += u"NaN";
     return;
@@ -127,18 +206,14 @@ void append_single_text(std::u16string& out, Single value) {
 
   // Scientific form: [-]d[.ddd]e(+|-)dd
   std::array<char, 48> buf{};
-  std::to_chars_result r;
-  {
-    fp::Scope scope;
-    r = std::to_chars(buf.data(), buf.data() + buf.size(), value, std::chars_format::scientific);
-  }
+  std::to_chars_result r =
+      std::to_chars(buf.data(), buf.data() + buf.size(), value, std::chars_format::scientific);
   auto significant = [&](const char* end) {
     int n = 0;
     for (const char* p = buf.data(); p != end && *p != 'e'; ++p) n += is_digit(*p) ? 1 : 0;
     return n;
   };
   if (significant(r.ptr) > 7) {
-    fp::Scope scope;
     r = std::to_chars(buf.data(), buf.data() + buf.size(), value, std::chars_format::scientific, 6);
   }
 
@@ -234,11 +309,13 @@ std::string whole_decimal(std::uint64_t m, unsigned shift) {
 }  // namespace
 
 std::u16string percent_display_text(Single ratio) {
-  if (!std::isfinite(ratio)) raise_overflow();
-  // ratio = m * 2^e exactly, with m a 24-bit whole number.
+  // ratio = m * 2^e exactly, with m a 24-bit whole number. Classified by its
+  // bits: a floating comparison of a denormal would raise a condition in the
+  // caller's environment.
   const auto bits = std::bit_cast<std::uint32_t>(ratio);
   const bool negative = (bits >> 31) != 0;
   const std::uint32_t biased = (bits >> 23) & 0xFF;
+  if (biased == 0xFF) raise_overflow();  // an infinity or a NaN has no display text
   const std::uint32_t fraction = bits & 0x7FFFFF;
   const std::uint64_t m = biased == 0 ? fraction : (fraction | 0x800000u);
   const int e = biased == 0 ? -149 : static_cast<int>(biased) - 150;

@@ -107,6 +107,7 @@ class IntegralValue {
   void HalveYourself() { value_ = static_cast<T>(value_ / 2); }
   void Halve() { self().HalveYourself(); }
   void RaiseYourself(Integer ToNPower) {
+    fp::Scope scope;  // a denormal power must not raise a condition in the caller's environment
     value_ = integral_detail::round_to<T>(
         power(static_cast<double>(value_), static_cast<double>(ToNPower)));
   }

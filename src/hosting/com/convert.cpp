@@ -1,0 +1,95 @@
+#include "hosting/com/convert.h"
+
+#include <limits>
+
+namespace valmetra::com {
+
+namespace {
+
+template <class T>
+valmetra::Variant long_or_double(T v) {
+  if (v >= static_cast<T>(std::numeric_limits<Long>::min()) && v <= static_cast<T>(std::numeric_limits<Long>::max()))
+    return static_cast<Long>(v);
+  return static_cast<Double>(v);
+}
+
+template <class T>
+valmetra::Variant long_or_double_unsigned(T v) {
+  if (v <= static_cast<T>(std::numeric_limits<Long>::max())) return static_cast<Long>(v);
+  return static_cast<Double>(v);
+}
+
+}  // namespace
+
+std::u16string to_u16string(BSTR text) {
+  if (!text) return {};
+  return std::u16string(reinterpret_cast<const char16_t*>(text), SysStringLen(text));
+}
+
+valmetra::Variant to_core_variant(const VARIANT& value) {
+  if (value.vt == (VT_BYREF | VT_VARIANT)) return value.pvarVal ? to_core_variant(*value.pvarVal) : valmetra::Variant{};
+  if (value.vt & VT_BYREF) {
+    Variant copy;
+    if (FAILED(VariantCopyInd(copy.get(), const_cast<VARIANT*>(&value)))) return {};
+    return to_core_variant(*copy.get());
+  }
+  switch (value.vt) {
+    case VT_I2: return static_cast<Integer>(value.iVal);
+    case VT_BOOL: return static_cast<Integer>(value.boolVal);
+    case VT_I1: return static_cast<Integer>(value.cVal);
+    case VT_UI1: return static_cast<Integer>(value.bVal);
+    case VT_I4: return static_cast<Long>(value.lVal);
+    case VT_INT: return static_cast<Long>(value.intVal);
+    case VT_UI2: return static_cast<Long>(value.uiVal);
+    case VT_UI4: return long_or_double_unsigned(value.ulVal);
+    case VT_UINT: return long_or_double_unsigned(value.uintVal);
+    case VT_I8: return long_or_double(value.llVal);
+    case VT_UI8: return long_or_double_unsigned(value.ullVal);
+    case VT_R4: return static_cast<Single>(value.fltVal);
+    case VT_R8: return static_cast<Double>(value.dblVal);
+    case VT_CY:
+    case VT_DATE:
+    case VT_DECIMAL: {
+      Variant d;
+      if (FAILED(VariantChangeType(d.get(), const_cast<VARIANT*>(&value), 0, VT_R8))) return {};
+      return static_cast<Double>(d->dblVal);
+    }
+    case VT_BSTR: return to_u16string(value.bstrVal);
+    default: return {};
+  }
+}
+
+void to_com_variant(const valmetra::Variant& value, VARIANT* out) {
+  VariantInit(out);
+  switch (value.index()) {
+    case 1:
+      out->vt = VT_I2;
+      out->iVal = std::get<Integer>(value);
+      break;
+    case 2:
+      out->vt = VT_I4;
+      out->lVal = std::get<Long>(value);
+      break;
+    case 3:
+      out->vt = VT_R4;
+      out->fltVal = std::get<Single>(value);
+      break;
+    case 4:
+      out->vt = VT_R8;
+      out->dblVal = std::get<Double>(value);
+      break;
+    case 5:
+      out->bstrVal = make_bstr(std::get<std::u16string>(value));
+      out->vt = VT_BSTR;
+      break;
+    default: break;
+  }
+}
+
+void make_text_variant(std::u16string_view text, VARIANT* out) {
+  VariantInit(out);
+  out->bstrVal = make_bstr(text);
+  out->vt = VT_BSTR;
+}
+
+}  // namespace valmetra::com

@@ -1,0 +1,118 @@
+// Shared helpers of the Windows tests: the DLLs under test, apartments,
+// argument building and late-bound calls.
+#pragma once
+
+#include <windows.h>
+#include <ole2.h>
+#include <oleauto.h>
+
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "hosting/catalogue.h"
+#include "hosting/com/raii.h"
+
+namespace vt {
+
+using valmetra::com::Bstr;
+using valmetra::com::ComPtr;
+using valmetra::com::Variant;
+using valmetra::hosting::kClassCount;
+using valmetra::hosting::kClasses;
+using valmetra::hosting::kLibrary;
+
+// The library and the value history component, loaded from the build tree
+// next to this program and registered once for the whole run (creation by
+// ProgID, CoCreateInstance and the value history need the registration).
+struct Dll {
+  HMODULE module = nullptr;
+  std::wstring path;
+  HRESULT(WINAPI* get_class_object)(REFCLSID, REFIID, void**) = nullptr;
+  HRESULT(WINAPI* can_unload_now)() = nullptr;
+  HRESULT(WINAPI* register_server)() = nullptr;
+  HRESULT(WINAPI* unregister_server)() = nullptr;
+};
+const Dll& library();
+const Dll& value_stack();
+
+// The index of a class in the catalogue, by name.
+std::size_t class_index(const wchar_t* name);
+
+// A single-threaded apartment for the lifetime of the object.
+class Apartment {
+ public:
+  Apartment() : hr_(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)) {}
+  ~Apartment() {
+    if (SUCCEEDED(hr_)) CoUninitialize();
+  }
+  HRESULT result() const { return hr_; }
+
+ private:
+  HRESULT hr_;
+};
+
+// Every test of these fixtures runs in its own apartment on the test
+// thread; after the apartment has ended, nothing of the library may be
+// left alive (each test checks that it releases what it made).
+class ApartmentTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+};
+
+// A new object of the catalogue class, through the library's factory.
+ComPtr<IDispatch> create(const wchar_t* class_name);
+template <class I>
+ComPtr<I> create_as(const wchar_t* class_name) {
+  ComPtr<I> out;
+  ComPtr<IClassFactory> factory;
+  const auto& c = kClasses[class_index(class_name)];
+  EXPECT_EQ(library().get_class_object(c.clsid, IID_IClassFactory, factory.put_void()), S_OK);
+  if (factory) {
+    EXPECT_EQ(factory->CreateInstance(nullptr, c.iid, out.put_void()), S_OK);
+  }
+  return out;
+}
+
+// VARIANT builders (the caller's variables of a script host).
+VARIANT v_i2(short v);
+VARIANT v_i4(long v);
+VARIANT v_r8(double v);
+VARIANT v_bool(bool v);
+VARIANT v_missing();
+VARIANT v_ref(short* p);
+VARIANT v_ref(long* p);
+VARIANT v_ref(VARIANT* p);
+// Owns its BSTR: give it to an Args, which clears its values.
+VARIANT v_text(const wchar_t* text);
+
+// A late-bound call as a script host makes it: arguments in natural order
+// (stored last first, as DISPPARAMS wants them).
+struct Call {
+  HRESULT hr = S_OK;
+  Variant result;
+  EXCEPINFO exception{};
+  UINT arg_error = 0xFFFFFFFF;
+  Call() = default;
+  Call(const Call&) = delete;
+  ~Call();
+  std::wstring source() const;
+  std::wstring description() const;
+};
+
+DISPID dispid_of(IDispatch* object, const wchar_t* name);
+// Invoke by identifier with `flags`; arguments are cleared afterwards.
+void invoke(Call& call, IDispatch* object, DISPID id, WORD flags, std::vector<VARIANT> args);
+// By name: method/get with DISPATCH_METHOD | DISPATCH_PROPERTYGET.
+void call(Call& call, IDispatch* object, const wchar_t* name, std::vector<VARIANT> args = {});
+// Property put by name (named argument DISPID_PROPERTYPUT).
+HRESULT put(IDispatch* object, const wchar_t* name, VARIANT value);
+// A get by name as a number (VT_I2, VT_I4, VT_R4, VT_R8 or VT_BOOL).
+double get_number(IDispatch* object, const wchar_t* name);
+
+std::wstring text_of(BSTR b);
+
+}  // namespace vt

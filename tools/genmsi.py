@@ -1,0 +1,221 @@
+#!/usr/bin/env python3
+r"""Writes the installer sources (wixl .wxs) and the registration record.
+
+    genmsi.py --source <checkout> --arch x64|x86 --wxs <file> --files <dir>
+        the package source (<dir> as written, so a relative one is taken
+        from where wixl runs): both DLLs from <dir> into
+        Program Files\KARVO\Valmetra, and every registry row that the DLLs'
+        own DllRegisterServer writes for the machine, generated from the
+        catalogue; build it with `wixl -a x64|x86 -o <msi> <file>`
+    genmsi.py --source <checkout> --arch x64|x86 --record --dir <folder> [--hive HKLM|HKCU]
+        the same rows as canonical lines (tests/deploy/regdiff.py format) for
+        DLLs installed in <folder>: what registration must add to the hive
+
+The installer toolset has no class or type library tables of its own, so
+the rows are plain Registry rows: the record that both DLLs' DllRegisterServer
+write (src/hosting/com/registry.h), all under HKLM\Software\Classes:
+
+  per class      CLSID\{clsid}                 = ProgID
+                   InprocServer32              = DLL path, ThreadingModel = Apartment
+                   ProgID, VersionIndependentProgID = ProgID
+                   TypeLib = {libid}, Version = type library version
+                   Programmable                (an empty key)
+                 <ProgID>                      = class name, CLSID, CurVer = <ProgID>.1
+                 <ProgID>.1                    = class name, CLSID
+  type library   TypeLib\{libid}\<ver in hex> = description
+                   0\win64|win32              = DLL path (the neutral locale)
+                   FLAGS = 0, HELPDIR = the DLL's folder
+  per interface  Interface\{iid}              = interface name; ProxyStubClsid and
+                                                 ProxyStubClsid32 = the type library
+                                                 marshaller; TypeLib = {libid},
+                                                 Version = <ver in hex>
+
+The installer spells HELPDIR with a trailing backslash ([INSTALLDIR]); the
+folder is the same.
+"""
+import argparse
+import os
+import sys
+import uuid
+from dataclasses import dataclass
+from xml.sax.saxutils import quoteattr
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import deploymodel  # noqa: E402
+from gencatalogue import CatalogueError  # noqa: E402
+
+# Fixed once: every product and component code below derives from it.
+NAMESPACE = uuid.UUID("6f3c2a53-0c2e-4e55-9a51-8b7f5b3a0d21")
+MANUFACTURER = "KARVO"
+PRODUCT = "KARVO Valmetra"
+CLASSES = "Software\\Classes\\"
+
+
+@dataclass
+class Row:
+    key: str       # below Software\Classes
+    name: str      # "" for the default value; None: a key without values
+    value: str     # may hold {path} (the DLL's full path) and {dir} (its folder, no trailing \\)
+    file: str      # the DLL this row belongs to
+
+
+def rows(comp, arch):
+    out = []
+
+    def add(key, name, value):
+        out.append(Row(key, name, value, comp.file))
+
+    for c in comp.classes:
+        base = "CLSID\\" + c.clsid
+        add(base, "", c.progid)
+        add(base + "\\InprocServer32", "", "{path}")
+        add(base + "\\InprocServer32", "ThreadingModel", "Apartment")
+        add(base + "\\ProgID", "", c.progid)
+        add(base + "\\VersionIndependentProgID", "", c.progid)
+        add(base + "\\TypeLib", "", comp.libid)
+        add(base + "\\Version", "", comp.version)
+        add(base + "\\Programmable", None, None)
+        add(c.progid, "", c.name)
+        add(c.progid + "\\CLSID", "", c.clsid)
+        add(c.progid + "\\CurVer", "", c.cur_version)
+        add(c.cur_version, "", c.name)
+        add(c.cur_version + "\\CLSID", "", c.clsid)
+    lib = f"TypeLib\\{comp.libid}\\{comp.hex_version()}"
+    add(lib, "", comp.description)
+    add(f"{lib}\\0\\{'win64' if arch == 'x64' else 'win32'}", "", "{path}")
+    add(lib + "\\FLAGS", "", "0")
+    add(lib + "\\HELPDIR", "", "{dir}")
+    for c in comp.classes:
+        base = "Interface\\" + c.iid
+        add(base, "", c.interface)
+        add(base + "\\ProxyStubClsid", "", deploymodel.PSOAINTERFACE)
+        add(base + "\\ProxyStubClsid32", "", deploymodel.PSOAINTERFACE)
+        add(base + "\\TypeLib", "", comp.libid)
+        add(base + "\\TypeLib", "Version", comp.hex_version())
+    return out
+
+
+def all_rows(source, arch):
+    return [r for comp in deploymodel.components(source) for r in rows(comp, arch)]
+
+
+# --- the registration record as canonical lines --------------------------------
+
+def record_lines(source, arch, folder, hive):
+    """What registration adds: a K line per key from the identity key down and a
+    V line per value, in tests/deploy/regdiff.py's canonical form."""
+    folder = folder.rstrip("\\")
+    keys, values = set(), set()
+    for r in all_rows(source, arch):
+        prefix = f"{hive}\\SOFTWARE\\CLASSES\\"
+        parts = r.key.split("\\")
+        # Containers (CLSID, Interface, TypeLib) exist before; every key from
+        # the identity (GUID or ProgID) down is the registration's own.
+        first = 1 if parts[0].upper() in ("CLSID", "INTERFACE", "TYPELIB") else 0
+        for i in range(first + 1, len(parts) + 1):
+            keys.add("K " + (prefix + "\\".join(parts[:i])).upper())
+        if r.name is None:
+            continue
+        value = r.value.replace("{path}", folder + "\\" + r.file).replace("{dir}", folder)
+        name = r.name.lower() if r.name else "@"
+        values.add(f"V {(prefix + r.key).upper()} | {name} | sz | {value}")
+    return sorted(keys | values)
+
+
+# --- the package source ------------------------------------------------------
+
+def stable_guid(*parts):
+    return str(uuid.uuid5(NAMESPACE, "/".join(parts))).upper()
+
+
+def wxs(source, arch, files_dir):
+    comps = deploymodel.components(source)
+    version = deploymodel.assembly_version(source)
+    win64 = arch == "x64"
+    pf = "ProgramFiles64Folder" if win64 else "ProgramFilesFolder"
+    file_ids = {c.file: c.key + "_dll" for c in comps}
+    out = ['<?xml version="1.0" encoding="utf-8"?>',
+           "<!-- Generated by tools/genmsi.py from the catalogue. Do not edit. -->",
+           '<Wix xmlns="http://schemas.microsoft.com/wix/2006/wi">',
+           f'  <Product Id="{stable_guid("product", arch, version)}" Name="{PRODUCT} ({arch})" Language="1033" '
+           f'Version="{version}" Manufacturer="{MANUFACTURER}" UpgradeCode="{stable_guid("upgrade", arch)}">',
+           f'    <Package InstallerVersion="500" Compressed="yes" InstallScope="perMachine" '
+           f'Description="{PRODUCT} in-process components ({arch})" Manufacturer="{MANUFACTURER}"/>',
+           # A later version replaces this one; an earlier one does not install over it.
+           '    <MajorUpgrade DowngradeErrorMessage="A newer version of KARVO Valmetra is already installed."/>',
+           '    <Media Id="1" Cabinet="valmetra.cab" EmbedCab="yes"/>',
+           '    <Directory Id="TARGETDIR" Name="SourceDir">',
+           f'      <Directory Id="{pf}">',
+           f'        <Directory Id="KARVODIR" Name="{MANUFACTURER}">',
+           '          <Directory Id="INSTALLDIR" Name="Valmetra">']
+    refs = []
+    by_file = {}
+    for r in all_rows(source, arch):
+        by_file.setdefault(r.file, []).append(r)
+
+    def registry(r):
+        # Stable ids, so a rebuilt package has the same rows.
+        rid = "reg_" + stable_guid("row", r.key, r.name or "").replace("-", "")
+        key = quoteattr(CLASSES + r.key)
+        if r.name is None:  # "*" with no value: a key created on install, removed on uninstall
+            return f'              <RegistryValue Id="{rid}" Root="HKLM" Key={key} Name="*" Type="string" Value=""/>'
+        value = r.value.replace("{path}", f"[#{file_ids[r.file]}]").replace("{dir}", "[INSTALLDIR]")
+        name = f" Name={quoteattr(r.name)}" if r.name else ""
+        return (f'              <RegistryValue Id="{rid}" Root="HKLM" Key={key}{name} Type="string" '
+                f'Value={quoteattr(value)}/>')
+
+    for comp in comps:
+        cid = comp.key
+        refs.append(cid)
+        out.append(f'            <Component Id="{cid}" Guid="{stable_guid("component", arch, cid)}"'
+                   f' Win64="{"yes" if win64 else "no"}">')
+        out.append(f'              <File Id="{file_ids[comp.file]}" Name="{comp.file}" '
+                   f'Source={quoteattr(os.path.join(files_dir, comp.file))} KeyPath="yes"/>')
+        out += [registry(r) for r in by_file[comp.file]]
+        out.append("            </Component>")
+    # The maker's folder goes with the product when nothing else is in it
+    # (a component without a key file: the folder is its key path).
+    out += ["          </Directory>",
+            f'          <Component Id="karvodir" Guid="{stable_guid("component", arch, "karvodir")}"'
+            f' Win64="{"yes" if win64 else "no"}">',
+            '            <RemoveFolder Id="remove_karvodir" On="uninstall"/>',
+            "          </Component>"]
+    refs.append("karvodir")
+    out += ["        </Directory>", "      </Directory>", "    </Directory>",
+            '    <Feature Id="Complete" Title="KARVO Valmetra" Level="1">']
+    out += [f'      <ComponentRef Id="{r}"/>' for r in refs]
+    out += ["    </Feature>", "  </Product>", "</Wix>"]
+    return "\n".join(out) + "\n"
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    ap.add_argument("--source", required=True)
+    ap.add_argument("--arch", required=True, choices=deploymodel.ARCHES)
+    ap.add_argument("--wxs", help="write the package source here")
+    ap.add_argument("--files", help="folder holding Valmetra-445.Dll and ValueStack.dll (for --wxs)")
+    ap.add_argument("--record", action="store_true", help="print the registration record")
+    ap.add_argument("--dir", help="install folder of the DLLs (for --record), e.g. C:\\Program Files\\KARVO\\Valmetra")
+    ap.add_argument("--hive", default="HKLM", choices=("HKLM", "HKCU"))
+    args = ap.parse_args()
+    try:
+        if args.wxs:
+            if not args.files:
+                ap.error("--wxs needs --files")
+            text = wxs(args.source, args.arch, args.files)
+            with open(args.wxs, "w", encoding="utf-8") as f:
+                f.write(text)
+        elif args.record:
+            if not args.dir:
+                ap.error("--record needs --dir")
+            sys.stdout.write("".join(x + "\n" for x in record_lines(args.source, args.arch, args.dir, args.hive)))
+        else:
+            ap.error("give --wxs or --record")
+    except (CatalogueError, OSError) as e:
+        print(f"genmsi: {e}", file=sys.stderr)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
