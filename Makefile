@@ -6,7 +6,7 @@ export WINEDEBUG := -all
 
 APT_PACKAGES := cmake g++ make python3 googletest libgtest-dev clang libclang-rt-14-dev \
   g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix mingw-w64-tools \
-  wine wine64 libwine-dev msitools wixl
+  wine wine64 libwine-dev msitools wixl librsvg2-bin
 
 .PHONY: deps native native-release windows test test-native test-windows demo dist bench fuzz clean
 

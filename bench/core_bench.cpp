@@ -2,15 +2,14 @@
 //
 // The goal measured here is the scaling of the sample-average round trip
 // (HereIsAStringOfNumbers with IncludeThisStringOfNumbers for the further
-// strings, GiveMeYourNumbers, DataAverage) from 1,024 to 32,767 items. The
-// other figures are per-call times of the core operations that the Windows
+// strings, GiveMeYourNumbers, DataAverage) from 1,024 to 32,767 items, on one
+// object kept between trips; the same on a new object each time is reported
+// beside it. The other figures are per-call times of the core operations that the Windows
 // benchmark compares with the platform's own (text to number, number text,
 // percent display, creating an IntegerData), for orientation: the goals
 // themselves are ratios taken inside the Windows process.
 //
 //   core_bench [--smoke] [--reps N] [--batch-ms X]
-#include <cmath>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>

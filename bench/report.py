@@ -136,9 +136,9 @@ def chart_svg(rows):
     out = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" '
            f'font-family="DejaVu Sans, Arial, sans-serif" font-size="12">',
            f'<rect width="{width}" height="{height}" fill="white"/>',
-           f'<text x="{left}" y="18" font-size="14" font-weight="bold">Ratios against their goals '
+           f'<text x="10" y="18" font-size="14" font-weight="bold">Ratios against their goals '
            f'(median, bar from 1; whisker min-max over repetitions; log scale)</text>',
-           f'<text x="{left}" y="34" fill="#555">green: goal met, red: missed; black tick: the goal</text>']
+           f'<text x="10" y="34" fill="#555">green: goal met, red: missed; black tick: the goal</text>']
     for p in range(0, 4):
         for mult in (1, 3):
             v = mult * 10 ** p

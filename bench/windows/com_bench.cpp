@@ -15,7 +15,10 @@
 //                            the interface call Add(&v) on the same object
 //   stddispatch_*_vs_invoke  CreateStdDispatch over the same object and the
 //                            DLL's own type library (ITypeInfo::Invoke
-//                            underneath), vs our Invoke, same calls
+//                            underneath), vs our Invoke, same calls; by
+//                            reference: VT_BYREF|VT_VARIANT where the
+//                            platform takes it for the short* parameter,
+//                            else VT_BYREF|VT_I2 on both sides
 //   getids_*                 ITypeInfo::GetIDsOfNames vs our GetIDsOfNames,
 //                            every name of the interface in turn
 //   varr4fromstr_vs_core     VarR4FromStr vs the core's text_to_number
@@ -41,7 +44,6 @@
 #include <ole2.h>
 #include <oleauto.h>
 
-#include <cmath>
 #include <initializer_list>
 #include <cstdio>
 #include <cstring>

@@ -12,9 +12,9 @@
 // SSE unit alone, so a scope saves, sets and restores MXCSR only and the
 // x87 unit is left exactly as the caller had it. The x87 unit is used there
 // only by runtime routines that compute in extended precision (the pow of
-// some C runtimes); the code calling such a routine opens its scope with
-// Units::WithX87, which also masks the x87 exceptions and restores the x87
-// control word and flags. On 32-bit x86 every scope covers both units
+// some C runtimes; their fmod's x87 remainder is exact and raises nothing);
+// the code calling such a routine opens its scope with Units::WithX87, which
+// also masks the x87 exceptions and restores the x87 control word and flags. On 32-bit x86 every scope covers both units
 // (results pass through the x87 registers there). Elsewhere a scope saves
 // and restores the whole <cfenv> environment. fp.cpp says why the
 // environment is not simply saved with std::fegetenv on x86.
