@@ -8,7 +8,7 @@ APT_PACKAGES := cmake g++ make python3 googletest libgtest-dev clang libclang-rt
   g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix mingw-w64-tools \
   wine wine64 libwine-dev msitools wixl librsvg2-bin
 
-.PHONY: deps native native-release windows test test-native test-windows demo dist bench fuzz clean
+.PHONY: deps native native-release windows test test-native test-windows test-smoke demo dist bench bench-smoke fuzz clean
 
 # Installs what the build needs; quiet and idempotent (nothing runs when all is there).
 deps:
@@ -42,7 +42,12 @@ test-windows: windows
 	tests/windows/run.sh
 	tests/deploy/run.sh
 
-test: test-native test-windows
+# Fuzzers and benchmarks in smoke mode: a few seconds each, no timing assertions.
+test-smoke: deps
+	tests/fuzz/run.sh --smoke
+	bench/run.sh --smoke
+
+test: test-native test-windows test-smoke
 
 # The main job: the Windows build, registered into a private Wine prefix and
 # driven by the host scripts of examples/.
@@ -53,11 +58,14 @@ dist: windows
 	tools/dist.sh
 	tools/dist-extra.sh
 
-bench: native-release
-	@if [ -x bench/run.sh ]; then bench/run.sh; fi
+bench: deps
+	bench/run.sh
+
+bench-smoke: deps
+	bench/run.sh --smoke
 
 fuzz: deps
-	@if [ -x tests/fuzz/run.sh ]; then tests/fuzz/run.sh; fi
+	tests/fuzz/run.sh
 
 clean:
 	rm -rf build dist
