@@ -55,7 +55,9 @@ T checked_div(T a, T b) {
 
 // Floating to integer: nearest, halves to the even neighbour; Overflow when
 // the rounded value is out of range or the value is not a number. Exact
-// whatever rounding mode the caller has set.
+// whatever rounding mode the caller has set, but the comparisons may record
+// flags (invalid for a NaN, denormal): call these, and round_half_even,
+// inside an fp::Scope so nothing reaches the host's environment.
 Integer to_integer(double x);
 Long to_long(double x);
 // Round to the nearest whole number, halves to even, as a double (NaN stays

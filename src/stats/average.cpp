@@ -38,6 +38,9 @@ Element item_addend(const Item& item) {
   if constexpr (std::is_same_v<Element, Single>) {
     return to_single(number);
   } else {
+    // In the library's environment: floor and the rounding raise inexact,
+    // invalid (NaN) or denormal conditions that must not reach the caller.
+    fp::Scope scope;
     return to_integer(std::floor(number));  // whole part, rounded down
   }
 }

@@ -8,27 +8,16 @@
 #include "frame/history.h"
 #include "values/boolean_data.h"
 
+#include "test_support.h"
+
 namespace valmetra {
 namespace {
-
-// The signatures the generated COM layer calls.
-static_assert(requires { static_cast<Flag (BooleanData::*)()>(&BooleanData::Pop); });
-static_assert(requires { static_cast<void (BooleanData::*)(Flag)>(&BooleanData::Push); });
-static_assert(requires {
-  static_cast<void (BooleanData::*)(Flag&, Flag)>(&BooleanData::PushAndSet); });
-static_assert(requires { static_cast<Flag (BooleanData::*)() const>(&BooleanData::Default); });
 
 class BooleanDataTest : public ::testing::Test {
  protected:
   void SetUp() override { release_thread_history(); }
   void TearDown() override { release_thread_history(); }
 };
-
-TEST_F(BooleanDataTest, NewObjectIsFalse) {
-  BooleanData b;
-  EXPECT_EQ(b.Value(), 0);
-  EXPECT_EQ(b.Default(), 0);
-}
 
 // Every setter from every kind of start: false, true, and a non-canonical
 // value stored by a put. The setters store exactly -1 or 0.
@@ -55,7 +44,8 @@ TEST_F(BooleanDataTest, SettersStoreExactFlags) {
   }
 }
 
-TEST_F(BooleanDataTest, PutsStoreTheGivenBits) {
+TEST_F(BooleanDataTest, NewObjectIsFalseAndPutsStoreTheGivenBits) {
+  EXPECT_EQ(BooleanData().Value(), 0);
   for (Flag bits : {Flag{1}, Flag{-2}, Flag{0x1234}, Flag{-32768}}) {
     BooleanData b;
     b.Value(bits);
@@ -66,10 +56,14 @@ TEST_F(BooleanDataTest, PutsStoreTheGivenBits) {
   }
 }
 
-TEST_F(BooleanDataTest, PushAndPopLeaveValueAlone) {
+// Push and Pop leave Value alone; Drop calls nothing, so the newest flag
+// stays and an empty history is no error.
+TEST_F(BooleanDataTest, PushPopAndDrop) {
   BooleanData b;
+  b.Drop();
   b.Push(-1);
   b.Push(5);  // recorded as given
+  b.Drop();
   EXPECT_EQ(b.Value(), 0);
   b.SetThis();
   EXPECT_EQ(b.Pop(), 5);
@@ -87,29 +81,10 @@ TEST_F(BooleanDataTest, PushAndSetChangesTheCallersVariable) {
   EXPECT_EQ(a.Pop(), -1);  // the history is the thread's, shared by every object
 }
 
-// Drop calls nothing: the newest flag stays, and an empty history is no error.
-TEST_F(BooleanDataTest, DropDoesNothing) {
-  BooleanData b;
-  b.Drop();
-  b.Push(-1);
-  b.Push(0);
-  b.Drop();
-  EXPECT_EQ(b.Pop(), 0);
-  EXPECT_EQ(b.Pop(), -1);
-  EXPECT_EQ(b.Value(), 0);
-}
-
 TEST_F(BooleanDataTest, HistoryErrorPassesOn) {
   BooleanData b;
   b.Yes();
-  try {
-    b.Pop();
-    ADD_FAILURE() << "an empty history gave a flag";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.number(), kHistoryEmptyNumber);
-    EXPECT_EQ(e.source(), kHistorySource);
-    EXPECT_EQ(e.description(), u"The value history holds no Boolean");
-  }
+  EXPECT_TRUE(test::history_empty_error([&] { b.Pop(); }, u"Boolean"));
   EXPECT_EQ(b.Value(), -1);
 }
 

@@ -5,7 +5,6 @@
 #include <bit>
 #include <cfenv>
 #include <cfloat>
-#include <csignal>
 #include <cstdint>
 #include <limits>
 
@@ -17,35 +16,9 @@
 namespace valmetra {
 namespace {
 
-// The parts of the environment a host can observe: x87 control word, the
-// x87 exception flags, MXCSR (masks, rounding, flags, FTZ/DAZ).
-struct Env {
-  std::uint16_t cw, flags;
-  std::uint32_t mxcsr;
-  bool operator==(const Env&) const = default;
-};
-Env observe() {
-  std::fenv_t e;
-  std::fegetenv(&e);
-#if defined(__x86_64__) || defined(__i386__)
-  return {e.__control_word, static_cast<std::uint16_t>(e.__status_word & 0x3f), e.__mxcsr};
-#else
-  return {0, 0, 0};
-#endif
-}
-
-// Runs a test body with the host's environment set to `apply`, then restores
-// the default so a failing expectation cannot leak traps into other tests.
-template <class Apply, class Body>
-void with_host_env(Apply apply, Body body) {
-  std::fenv_t before;
-  std::fegetenv(&before);
-  apply();
-  body();
-  std::fesetenv(&before);
-}
-
+using test::as_host;
 using test::error_of;
+using test::observe_env;
 
 TEST(FloatingCheck, ReportsExactlyTheThreeConditions) {
   struct Case { const char* what; double a, b; int expected; };
@@ -60,11 +33,6 @@ TEST(FloatingCheck, ReportsExactlyTheThreeConditions) {
   }
 }
 
-TEST(FloatingCheck, QuietNaNOperandRaisesNothing) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  EXPECT_EQ(error_of([&] { fp::checked([&] { return fp::opaque(nan) + 1.0; }); }), 0);
-}
-
 TEST(FloatingCheck, ClearForgetsEarlierConditions) {
   EXPECT_EQ(error_of([] {
               fp::Scope s;
@@ -77,38 +45,51 @@ TEST(FloatingCheck, ClearForgetsEarlierConditions) {
 }
 
 TEST(FloatingCheck, HostWithUnmaskedTrapsGetsErrorsNotSignals) {
-  auto previous = std::signal(SIGFPE, [](int) { std::_Exit(99); });  // a trap would end the test run
-  with_host_env([] { feenableexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW); }, [] {
-    const Env before = observe();
+  as_host(test::unmask_traps, [] {
+    const auto before = observe_env();
     EXPECT_EQ(error_of([] { fp::checked([] { return fp::opaque(1.0) / fp::opaque(0.0); }); }), 11);
-    EXPECT_EQ(observe(), before);
+    EXPECT_EQ(observe_env(), before);
     EXPECT_EQ(error_of([] { to_single(1e300); }), 6);
-    EXPECT_EQ(observe(), before);
+    EXPECT_EQ(observe_env(), before);
     EXPECT_EQ(error_of([] { power(0.0, -1.0); }), 11);
     EXPECT_EQ(error_of([] { power(10.0, 400.0); }), 6);
-    EXPECT_EQ(observe(), before);
+    EXPECT_EQ(observe_env(), before);
   });
-  std::signal(SIGFPE, previous);
 }
 
-TEST(FloatingCheck, HostRoundingModeAndStickyFlagsSurvive) {
-  with_host_env([] { std::fesetround(FE_UPWARD); std::feraiseexcept(FE_INEXACT | FE_UNDERFLOW); }, [] {
-    const Env before = observe();
+TEST(FloatingCheck, HostRoundingModeFlushToZeroAndStickyFlagsSurvive) {
+  auto arm = [] {
+    std::fesetround(FE_UPWARD);
+    std::feraiseexcept(FE_INEXACT | FE_UNDERFLOW);
+#if defined(__x86_64__)
+    std::uint32_t mxcsr;
+    asm volatile("stmxcsr %0" : "=m"(mxcsr));
+    mxcsr |= 0x8040;  // flush-to-zero, denormals-are-zero
+    asm volatile("ldmxcsr %0" : : "m"(mxcsr));
+#endif
+  };
+  as_host(arm, [] {
+    const auto before = observe_env();
     // 1 + 2^-30 rounds to 1.0f to nearest, to the next float upward.
     EXPECT_EQ(to_single(1.0 + 0x1p-30), 1.0f);
+    // A denormal Single is not flushed (compared as bits: the host's
+    // denormals-are-zero would make it equal 0).
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(to_single(0x1p-149)), 1u);
     EXPECT_EQ(power(2.0, 0.5), 1.4142135623730951);
     EXPECT_EQ(error_of([] { fp::checked([] { return fp::opaque(0.0) / fp::opaque(0.0); }); }), 6);
-    EXPECT_EQ(observe(), before);
+    EXPECT_EQ(observe_env(), before);
     EXPECT_EQ(std::fegetround(), FE_UPWARD);
     EXPECT_TRUE(std::fetestexcept(FE_INEXACT) && std::fetestexcept(FE_UNDERFLOW));
   });
 }
 
 TEST(Conversions, RoundHalvesToEvenAndCheckRange) {
+  // Just beside a half (floor(x + 0.5) gives 1 for the first).
+  EXPECT_EQ(round_half_even(0.49999999999999994), 0);
+  EXPECT_EQ(round_half_even(2.5000000000000004), 3);
   struct Case { double in; int expected_value; int expected_error; };
   const Case to16[] = {{2.5, 2, 0},       {3.5, 4, 0},        {-2.5, -2, 0},     {-3.5, -4, 0},
-                       {0.5, 0, 0},        {1.5, 2, 0},        {32767.4, 32767, 0}, {32767.5, 0, 6},
-                       {-32768.5, -32768, 0}, {-32769, 0, 6}, {1e300, 0, 6},
+                       {32767.4, 32767, 0}, {32767.5, 0, 6}, {-32768.5, -32768, 0}, {-32769, 0, 6},
                        {std::numeric_limits<double>::quiet_NaN(), 0, 6},
                        {std::numeric_limits<double>::infinity(), 0, 6}};
   for (const auto& c : to16) {
@@ -128,10 +109,11 @@ TEST(Conversions, RoundHalvesToEvenAndCheckRange) {
 TEST(Conversions, DoubleToSingleRoundsToNearestAndOverflows) {
   struct Case { double in; std::uint32_t bits; int error; };
   const Case cases[] = {
+      // exactly representable normal Singles are converted directly
       {double(FLT_MAX), 0x7f7fffff, 0},
+      {0x1p-126, 0x00800000, 0},
       {double(FLT_MAX) * (1 + 0x1p-25), 0x7f7fffff, 0},  // below the halfway point to 2^128
       {0x1p128, 0, 6},
-      {-1e39, 0, 6},
       {0x1p-149, 0x00000001, 0},    // smallest denormal
       {0x1p-150, 0x00000000, 0},    // halfway to zero: ties to even
       {-0.0, 0x80000000, 0},
@@ -143,28 +125,6 @@ TEST(Conversions, DoubleToSingleRoundsToNearestAndOverflows) {
     EXPECT_EQ(error_of([&] { got = to_single(c.in); }), c.error) << c.in;
     if (c.error == 0) { EXPECT_EQ(std::bit_cast<std::uint32_t>(got), c.bits) << c.in; }
   }
-}
-
-TEST(CheckedArithmetic, LimitsOfBothWidths) {
-  EXPECT_EQ(error_of([] { checked_add<Integer>(32767, 1); }), 6);
-  EXPECT_EQ(error_of([] { checked_sub<Integer>(-32768, 1); }), 6);
-  EXPECT_EQ(error_of([] { checked_mul<Integer>(-32768, -1); }), 6);
-  EXPECT_EQ(error_of([] { checked_div<Integer>(-32768, -1); }), 6);
-  EXPECT_EQ(error_of([] { checked_div<Integer>(5, 0); }), 11);
-  EXPECT_EQ(error_of([] { checked_add<Long>(INT32_MAX, 1); }), 6);
-  EXPECT_EQ(error_of([] { checked_div<Long>(INT32_MIN, -1); }), 6);
-  EXPECT_EQ(checked_mul<Integer>(-16384, 2), -32768);
-  EXPECT_EQ(checked_div<Integer>(-7, 2), -3);
-  EXPECT_EQ(checked_div<Long>(INT32_MIN, 1), INT32_MIN);
-}
-
-TEST(PowerService, ErrorsOfResultsThatAreNotFinite) {
-  EXPECT_EQ(error_of([] { power(0.0, -1.0); }), 11);
-  EXPECT_EQ(error_of([] { power(-8.0, 1.0 / 3.0); }), 5);
-  EXPECT_EQ(error_of([] { power(2.0, 1024.0); }), 6);
-  EXPECT_EQ(power(2.0, -1.0), 0.5);
-  EXPECT_EQ(power(-2.0, 15.0), -32768.0);
-  EXPECT_EQ(power(0.0, 0.0), 1.0);
 }
 
 }  // namespace

@@ -16,6 +16,8 @@
 #include "values/integer_data.h"
 #include "values/long_data.h"
 
+#include "test_support.h"
+
 namespace valmetra {
 namespace {
 
@@ -24,29 +26,20 @@ namespace {
 constexpr std::uint32_t kDefaultMxcsr = 0x1F80;
 constexpr std::uint32_t kDenormalsAreZero = 0x40;
 
-struct HostEnv {
-  std::uint16_t x87_control, x87_flags;
-  std::uint32_t mxcsr;
-  bool operator==(const HostEnv&) const = default;
-};
-
-HostEnv observe() {
-  std::fenv_t e;
-  std::fegetenv(&e);
-  return {e.__control_word, static_cast<std::uint16_t>(e.__status_word & 0x3F), e.__mxcsr};
-}
-
-// Runs f with the given MXCSR as the host's and returns the host's
-// environment as f left it; the harness's environment is back afterwards.
-HostEnv after_call(std::uint32_t mxcsr, const std::function<void()>& f) {
-  std::fenv_t saved;
-  std::fegetenv(&saved);
-  std::fenv_t host = saved;
-  host.__mxcsr = mxcsr;
-  std::fesetenv(&host);
-  f();
-  const HostEnv after = observe();
-  std::fesetenv(&saved);
+// Runs f as a host whose MXCSR is mxcsr and returns the environment f left.
+test::FpEnv after_call(std::uint32_t mxcsr, const std::function<void()>& f) {
+  test::FpEnv after;
+  test::as_host(
+      [mxcsr] {
+        std::fenv_t host;
+        std::fegetenv(&host);
+        host.__mxcsr = mxcsr;
+        std::fesetenv(&host);
+      },
+      [&] {
+        f();
+        after = test::observe_env();
+      });
   return after;
 }
 
@@ -90,7 +83,7 @@ TEST(FuzzRegressions, NaNAndDenormalArgumentsLeaveTheHostEnvironmentAlone) {
        }},
   };
   for (const Case& c : cases) {
-    const HostEnv want{observe().x87_control, 0, kDefaultMxcsr};
+    const test::FpEnv want{test::observe_env().x87_control, 0, kDefaultMxcsr};
     EXPECT_EQ(after_call(kDefaultMxcsr, c.call), want) << c.what;
   }
 }

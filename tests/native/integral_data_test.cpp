@@ -2,14 +2,11 @@
 // over both, with the limits of each width; the 16-bit-only ones follow.
 #include <gtest/gtest.h>
 
-#include <cfenv>
-#include <csignal>
-#include <cstring>
 #include <functional>
-#include <type_traits>
 #include <limits>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "values/integer_data.h"
@@ -19,20 +16,6 @@
 
 namespace valmetra {
 namespace {
-
-// The core signatures the generated COM layer calls: each line compiles only
-// when the member has exactly that type.
-#define HAS_MEMBER(Sig, member) \
-  static_assert(std::is_same_v<decltype(static_cast<Sig>(member)), Sig>)
-HAS_MEMBER(Integer (IntegerData::*)() const, &IntegerData::Default);
-HAS_MEMBER(void (IntegerData::*)(Integer), &IntegerData::Default);
-HAS_MEMBER(void (IntegerData::*)(Integer&), &IntegerData::Swap);
-HAS_MEMBER(Flag (IntegerData::*)(Integer, Integer) const, &IntegerData::IsBetween);
-HAS_MEMBER(Integer (IntegerData::*)(), &IntegerData::ValueBe4Increment);
-HAS_MEMBER(void (LongData::*)(Integer), &LongData::RaiseYourself);
-HAS_MEMBER(void (LongData::*)(Integer), &LongData::Raise);
-HAS_MEMBER(Long (LongData::*)(), &LongData::IncrementAndGet);
-HAS_MEMBER(void (LongData::*)(Long), &LongData::PushAndSet);
 
 constexpr int E5 = 5, E6 = 6, E11 = 11;
 
@@ -71,21 +54,14 @@ void run(const std::vector<Case<C>>& cases) {
 
 template <class C>
 class IntegralData : public ::testing::Test {};
-struct ClassName {
-  template <class C>
-  static std::string GetName(int) {
-    return std::is_same_v<C, IntegerData> ? "IntegerData" : "LongData";
-  }
-};
 using Classes = ::testing::Types<IntegerData, LongData>;
-TYPED_TEST_SUITE(IntegralData, Classes, ClassName);
+TYPED_TEST_SUITE(IntegralData, Classes);
 
+// SetTheLimits is covered by the ModuloAdd tables (reversed limits included).
 TYPED_TEST(IntegralData, NewObjectReadsZeroAndLimitIsLowerLimit) {
   TypeParam a{};  // as the COM objects hold their core
   EXPECT_EQ(a.Value(), 0);
-  EXPECT_EQ(a.Default(), 0);
   EXPECT_EQ(a.LowerLimit(), 0);
-  EXPECT_EQ(a.Limit(), 0);
   EXPECT_EQ(a.UpperLimit(), 0);
   a.Limit(7);
   EXPECT_EQ(a.LowerLimit(), 7);
@@ -93,21 +69,16 @@ TYPED_TEST(IntegralData, NewObjectReadsZeroAndLimitIsLowerLimit) {
   EXPECT_EQ(a.Limit(), 4);
   a.Default(-9);
   EXPECT_EQ(a.Value(), -9);
-  a.SetTheLimits(10, 5);  // stored as given, no ordering check
-  EXPECT_EQ(a.LowerLimit(), 10);
-  EXPECT_EQ(a.UpperLimit(), 5);
 }
 
 TYPED_TEST(IntegralData, CheckedArithmeticFailsAtTheLimitsWithoutStoring) {
   using C = TypeParam;
   run<C>({
       {"Add 1", kMax<C>, [](C& c) { c.Add(1); }, 0, E6},
-      {"Add -1", kMin<C>, [](C& c) { c.Add(-1); }, 0, E6},
       {"Subtract 1", kMin<C>, [](C& c) { c.Subtract(1); }, 0, E6},
-      {"Subtract -1", kMax<C>, [](C& c) { c.Subtract(-1); }, 0, E6},
       {"Subtract max", -1, [](C& c) { c.Subtract(kMax<C>); }, kMin<C>},
+      {"Subtract min", -1, [](C& c) { c.Subtract(kMin<C>); }, kMax<C>},
       {"Multiply -1", kMin<C>, [](C& c) { c.Multiply(-1); }, 0, E6},
-      {"Multiply -1", kMax<C>, [](C& c) { c.Multiply(-1); }, -kMax<C>},
       {"DoubleYourself", kMax<C> / 2 + 1, [](C& c) { c.DoubleYourself(); }, 0, E6},
       {"DoubleYourself", kMin<C> / 2, [](C& c) { c.DoubleYourself(); }, kMin<C>},
       {"IncrementYourself", kMax<C>, [](C& c) { c.IncrementYourself(); }, 0, E6},
@@ -117,18 +88,17 @@ TYPED_TEST(IntegralData, CheckedArithmeticFailsAtTheLimitsWithoutStoring) {
       {"Decrement", kMin<C>, [](C& c) { c.Decrement(); }, 0, E6},
       {"IDivide 0", 5, [](C& c) { c.IDivide(0); }, 0, E11},
       {"IDivide -1", kMin<C>, [](C& c) { c.IDivide(-1); }, 0, E6},
+      {"IDivide -2", kMin<C>, [](C& c) { c.IDivide(-2); }, kMin<C> / -2},
       {"Divide 0", 5, [](C& c) { c.Divide(0); }, 0, E11},
       {"Divide 0", 0, [](C& c) { c.Divide(0); }, 0, E6},
       {"Divide -1", kMin<C>, [](C& c) { c.Divide(-1); }, 0, E6},
       {"RaiseYourself bits-1", 2, [](C& c) { c.RaiseYourself(kBits<C> - 1); }, 0, E6},
-      {"Raise bits-1", 2, [](C& c) { c.Raise(kBits<C> - 1); }, 0, E6},
       {"RaiseYourself 0 to -1", 0, [](C& c) { c.RaiseYourself(-1); }, 0, E11},
       {"IncrementToBottomLimit", kMax<C>, [](C& c) { c.IncrementToBottomLimit(kMax<C>, 0); }, 0, E6},
       {"ZincrementToLimit", kMax<C>, [](C& c) { c.ZincrementToLimit(kMax<C>); }, 0, E6},
-      {"IncrementToZeroLimit", kMax<C>, [](C& c) { c.IncrementToZeroLimit(3); }, 0, E6},
       {"ZdecrementToLimit", kMin<C>, [](C& c) { c.ZdecrementToLimit(5); }, 0, E6},
-      {"IncrementToLimit max", kMax<C> - 1, [](C& c) { c.IncrementToLimit(kMax<C>); }, kMax<C>},
       {"IncrementToMaximum max", kMax<C>, [](C& c) { c.IncrementToMaximum(kMax<C>); }, kMax<C>},
+      {"IncrementToLimit max", kMax<C> - 1, [](C& c) { c.IncrementToLimit(kMax<C>); }, kMax<C>},
   });
 }
 
@@ -137,21 +107,15 @@ TYPED_TEST(IntegralData, DivisionAndPowersRoundHalvesToEven) {
   run<C>({
       {"Divide 2", 5, [](C& c) { c.Divide(2); }, 2},
       {"Divide 2", 7, [](C& c) { c.Divide(2); }, 4},
-      {"Divide 2", -5, [](C& c) { c.Divide(2); }, -2},
       {"Divide 2", -7, [](C& c) { c.Divide(2); }, -4},
       {"Divide 3", 2, [](C& c) { c.Divide(3); }, 1},
       {"Divide 2", kMax<C>, [](C& c) { c.Divide(2); }, kMax<C> / 2 + 1},  // ...x.5, even above
-      {"Divide -1", kMax<C>, [](C& c) { c.Divide(-1); }, -kMax<C>},
       {"IDivide 2", -7, [](C& c) { c.IDivide(2); }, -3},
       {"HalveYourself", -7, [](C& c) { c.HalveYourself(); }, -3},
-      {"HalveYourself", -1, [](C& c) { c.HalveYourself(); }, 0},
       {"Halve", kMin<C>, [](C& c) { c.Halve(); }, kMin<C> / 2},
       {"RaiseYourself -1", 2, [](C& c) { c.RaiseYourself(-1); }, 0},  // 0.5
-      {"RaiseYourself -1", -2, [](C& c) { c.RaiseYourself(-1); }, 0},
-      {"RaiseYourself -1", 3, [](C& c) { c.RaiseYourself(-1); }, 0},
       {"RaiseYourself -1", -1, [](C& c) { c.RaiseYourself(-1); }, -1},
       {"RaiseYourself 0", 0, [](C& c) { c.RaiseYourself(0); }, 1},
-      {"RaiseYourself 0", -7, [](C& c) { c.RaiseYourself(0); }, 1},
       {"RaiseYourself 3", -2, [](C& c) { c.RaiseYourself(3); }, -8},
       {"RaiseYourself bits-2", 2, [](C& c) { c.RaiseYourself(kBits<C> - 2); }, kMax<C> / 2 + 1},
       {"Raise bits-1", -2, [](C& c) { c.Raise(kBits<C> - 1); }, kMin<C>},
@@ -163,26 +127,20 @@ TYPED_TEST(IntegralData, CountingWrapsOrSaturatesAtTheLimitArgument) {
   run<C>({
       {"IncrementToLimit 13", 12, [](C& c) { c.IncrementToLimit(13); }, 13},
       {"IncrementToLimit 13", 13, [](C& c) { c.IncrementToLimit(13); }, 1},
-      {"IncrementToLimit 13", 20, [](C& c) { c.IncrementToLimit(13); }, 1},
-      {"IncrementToLimit 13", -5, [](C& c) { c.IncrementToLimit(13); }, -4},
       {"IncrementToMaximum 5", 4, [](C& c) { c.IncrementToMaximum(5); }, 5},
       {"IncrementToMaximum 5", 5, [](C& c) { c.IncrementToMaximum(5); }, 5},
-      {"IncrementToMaximum 5", 9, [](C& c) { c.IncrementToMaximum(5); }, 9},
       {"IncrementToBottomLimit 10 3", 10, [](C& c) { c.IncrementToBottomLimit(10, 3); }, 3},
       {"IncrementToBottomLimit 10 3", 9, [](C& c) { c.IncrementToBottomLimit(10, 3); }, 10},
-      {"IncrementToBottomLimit 10 3", -4, [](C& c) { c.IncrementToBottomLimit(10, 3); }, -3},
       {"ZincrementToLimit 5", 5, [](C& c) { c.ZincrementToLimit(5); }, 0},
       {"ZincrementToLimit 5", 4, [](C& c) { c.ZincrementToLimit(5); }, 5},
       {"IncrementToZeroLimit 3", 3, [](C& c) { c.IncrementToZeroLimit(3); }, 0},
       {"ZdecrementToLimit 5", 1, [](C& c) { c.ZdecrementToLimit(5); }, 5},
-      {"ZdecrementToLimit 5", -3, [](C& c) { c.ZdecrementToLimit(5); }, 5},
       {"ZdecrementToLimit 5", 2, [](C& c) { c.ZdecrementToLimit(5); }, 1},
       {"DecrementToZero", 3, [](C& c) { c.DecrementToZero(); }, 2},
       {"DecrementToZero", 0, [](C& c) { c.DecrementToZero(); }, 0},
       {"DecrementToZero", -4, [](C& c) { c.DecrementToZero(); }, -4},
       {"GreaterOfTheTwo", 50, [](C& c) { c.GreaterOfTheTwo(3, -8); }, 3},
       {"LesserOfTheTwo", -50, [](C& c) { c.LesserOfTheTwo(3, -8); }, -8},
-      {"LesserOfTheTwo", 50, [](C& c) { c.LesserOfTheTwo(3, 3); }, 3},
       {"Zapp", 8, [](C& c) { c.Zapp(); }, -1},
       {"Zero", 8, [](C& c) { c.Zero(); }, 0},
   });
@@ -198,30 +156,23 @@ TYPED_TEST(IntegralData, ModuloAddGivesUpperLimitMinusTheAmountAboveIt) {
   };
   run<C>({
       {"1..13 +5", 10, madd(1, 13, 5), 8},
-      {"1..13 +5", 3, madd(1, 13, 5), 8},
+      {"1..13 +1", 3, madd(1, 13, 1), 4},  // both limits inclusive
       {"1..13 +0", 3, madd(1, 13, 0), 3},
       {"1..13 +14", 3, madd(1, 13, 14), 3},
       {"1..13 +13", 0, madd(1, 13, 13), 13},
-      {"0..10 +5", 8, madd(0, 10, 5), 5},
-      {"0..10 +2", 8, madd(0, 10, 2), 10},
-      {"0..10 +11", 8, madd(0, 10, 11), 8},
-      {"0..10 -1", 8, madd(0, 10, -1), 8},
       {"0..10 +3", 50, madd(0, 10, 3), 7},  // a Value outside the limits is not required
       {"10..5 +7", 2, madd(10, 5, 7), 2},  // reversed limits accept nothing
       {"overflow", kMax<C>, madd(0, kMax<C>, 1), 0, E6},
-      {"overflow", kMin<C>, madd(kMin<C>, 0, -1), 0, E6},
   });
 }
 
-class IntegralHistory : public ::testing::Test {
+template <class C>
+class IntegralDataHistory : public ::testing::Test {
  protected:
   void SetUp() override { release_thread_history(); }
   void TearDown() override { release_thread_history(); }
 };
-
-template <class C>
-class IntegralDataHistory : public IntegralHistory {};
-TYPED_TEST_SUITE(IntegralDataHistory, Classes, ClassName);
+TYPED_TEST_SUITE(IntegralDataHistory, Classes);
 
 TYPED_TEST(IntegralDataHistory, SharedByTheObjectsOfOneThread) {
   TypeParam a, b;
@@ -237,30 +188,12 @@ TYPED_TEST(IntegralDataHistory, SharedByTheObjectsOfOneThread) {
   b.Pop();
   EXPECT_EQ(b.Value(), 1);
   b.Value(7);
-  // Empty: the service's own error, passed on unchanged; Value stays.
-  InProcessHistory service;
-  auto failure = [](auto&& call) -> Error {
-    try {
-      call();
-    } catch (const Error& e) {
-      return e;
-    }
-    return Error(0, u"succeeded");
-  };
-  const Error from_object = failure([&] { b.Pop(); });
-  const Error from_service = failure([&] {
-    if constexpr (std::is_same_v<TypeParam, IntegerData>) {
-      service.PopInteger();
-    } else {
-      service.PopLong();
-    }
-  });
-  EXPECT_EQ(from_object.number(), kHistoryEmptyNumber);
-  EXPECT_EQ(from_object.number(), from_service.number());
-  EXPECT_EQ(from_object.description(), from_service.description());
-  EXPECT_EQ(from_object.source(), from_service.source());
+  // Empty: the service's own error, passed on unchanged (it names the type,
+  // so this also shows which history b used); Value stays.
+  const auto type = std::is_same_v<TypeParam, IntegerData> ? u"Integer" : u"Long";
+  EXPECT_TRUE(test::history_empty_error([&] { b.Pop(); }, type));
+  EXPECT_TRUE(test::history_empty_error([&] { b.Drop(); }, type));
   EXPECT_EQ(b.Value(), 7);
-  EXPECT_EQ(error_of([&] { b.Drop(); }), E5);
 }
 
 TYPED_TEST(IntegralDataHistory, EachThreadHasItsOwn) {
@@ -289,38 +222,21 @@ TYPED_TEST(IntegralDataHistory, EachThreadHasItsOwn) {
 // A host that unmasked the floating-point traps gets errors, never a signal,
 // and finds its environment exactly as it left it.
 TYPED_TEST(IntegralData, DivideUnderHostTrapsKeepsTheEnvironment) {
-  auto previous = std::signal(SIGFPE, [](int) { std::_Exit(99); });
-  std::fenv_t original;
-  std::fegetenv(&original);
-  feenableexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW);
-  std::fenv_t before;
-  std::fegetenv(&before);
-
-  TypeParam a;
-  a.Value(7);
-  a.Divide(2);
-  const int quotient = a.Value();
-  const int by_zero = error_of([&] { a.Divide(0); });
-  const int after_by_zero = a.Value();
-  a.Zero();
-  const int zero_by_zero = error_of([&] { a.Divide(0); });
-  const int power_error = error_of([&] { a.RaiseYourself(-1); });
-  a.Value(kMin<TypeParam>);
-  const int out_of_range = error_of([&] { a.Divide(-1); });
-
-  std::fenv_t after;
-  std::fegetenv(&after);
-  const bool identical = std::memcmp(&before, &after, sizeof before) == 0;
-  std::fesetenv(&original);
-  std::signal(SIGFPE, previous);
-
-  EXPECT_EQ(quotient, 4);
-  EXPECT_EQ(by_zero, E11);
-  EXPECT_EQ(after_by_zero, 4);
-  EXPECT_EQ(zero_by_zero, E6);
-  EXPECT_EQ(power_error, E11);
-  EXPECT_EQ(out_of_range, E6);
-  EXPECT_TRUE(identical);
+  test::as_host(test::unmask_traps, [] {
+    const auto before = test::observe_env();
+    TypeParam a;
+    a.Value(7);
+    a.Divide(2);
+    EXPECT_EQ(a.Value(), 4);
+    EXPECT_EQ(error_of([&] { a.Divide(0); }), E11);
+    EXPECT_EQ(a.Value(), 4);
+    a.Zero();
+    EXPECT_EQ(error_of([&] { a.Divide(0); }), E6);
+    EXPECT_EQ(error_of([&] { a.RaiseYourself(-1); }), E11);
+    a.Value(kMin<TypeParam>);
+    EXPECT_EQ(error_of([&] { a.Divide(-1); }), E6);
+    EXPECT_EQ(test::observe_env(), before);
+  });
 }
 
 // The 16-bit-only operations.
@@ -338,13 +254,10 @@ TEST(IntegerData, AddAndDecrementAgainstLimitArguments) {
       {"DecrementToBottomLimit 3 9", 5, [](C& c) { c.DecrementToBottomLimit(3, 9); }, 4},
       {"DecrementToBottomLimit", -32768, [](C& c) { c.DecrementToBottomLimit(-32768, 9); }, 0, E6},
       {"DecrementToUpperLimit 13", 1, [](C& c) { c.DecrementToUpperLimit(13); }, 13},
-      {"DecrementToUpperLimit 13", -5, [](C& c) { c.DecrementToUpperLimit(13); }, 13},
       {"DecrementToUpperLimit 13", 2, [](C& c) { c.DecrementToUpperLimit(13); }, 1},
       {"DecrementABS", 0, [](C& c) { c.DecrementABS(); }, -1},
       {"DecrementABS", -1, [](C& c) { c.DecrementABS(); }, 0},
-      {"DecrementABS", 5, [](C& c) { c.DecrementABS(); }, 4},
       {"DecrementABS", -32768, [](C& c) { c.DecrementABS(); }, -32767},
-      {"DecrementABS", 32767, [](C& c) { c.DecrementABS(); }, 32766},
   });
 }
 
@@ -360,7 +273,6 @@ TEST(IntegerData, ModuloAddToThisLimitMakesTheAmountTheUpperLimit) {
   run<C>({
       {"lower 0, 7", 3, to_this_limit(0, 7), 0},
       {"lower 0, 7", -2, to_this_limit(0, 7), 5},
-      {"lower 0, 7", 0, to_this_limit(0, 7), 7},
       {"lower 10, 7", 3, to_this_limit(10, 7), 3},
       {"overflow", -32768, to_this_limit(-32768, -1), 0, E6},
   });
@@ -370,9 +282,9 @@ TEST(IntegerData, BetweenEvenAndOddGiveExactFlags) {
   struct Case { Integer value, a, b; Flag between, even; };
   const Case cases[] = {
       {1, 1, 5, kTrue, kFalse},      {3, 5, 1, kTrue, kFalse},  {5, 5, 1, kTrue, kFalse},
+      {1, 5, 1, kTrue, kFalse},
       {0, 1, 5, kFalse, kTrue},      {6, 5, 1, kFalse, kTrue},  {-4, -4, -4, kTrue, kTrue},
       {-3, -2, -9, kTrue, kFalse},   {-32768, -32768, 32767, kTrue, kTrue},
-      {32767, 0, -32768, kFalse, kFalse},
   };
   for (const auto& c : cases) {
     IntegerData d;

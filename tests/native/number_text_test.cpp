@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <bit>
-#include <cfenv>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -28,20 +27,6 @@ TEST(NumberTextRead, AcceptedForms) {
     EXPECT_EQ(text_to_number(c.text), c.value) << std::string(c.text, c.text + std::char_traits<char16_t>::length(c.text));
   }
   EXPECT_TRUE(std::signbit(text_to_number(u"-1e-400")));
-}
-
-// Reading rounds to nearest whatever rounding the caller has set.
-TEST(NumberTextRead, IndependentOfCallerRounding) {
-  for (int mode : {FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO}) {
-    std::fesetround(mode);
-    const double tenth = text_to_number(u"0.1");
-    const double third = text_to_number(u"-0.3333333333333333");
-    const std::u16string text = single_to_text(0.1f);
-    std::fesetround(FE_TONEAREST);
-    EXPECT_EQ(tenth, 0.1);
-    EXPECT_EQ(third, -0.3333333333333333);
-    EXPECT_EQ(text, u"0.1");
-  }
 }
 
 TEST(NumberTextRead, RejectedForms) {

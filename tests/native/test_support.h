@@ -1,7 +1,15 @@
 // Helpers shared by the native tests.
 #pragma once
 
+#include <cfenv>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
 #include "frame/error.h"
+#include "frame/history.h"
 
 namespace valmetra::test {
 
@@ -14,5 +22,52 @@ int error_of(auto&& f) {
   }
   return 0;
 }
+
+// The value history's own error for an empty history of the named type, as
+// f must pass it on: true when f threw exactly that.
+bool history_empty_error(auto&& f, std::u16string_view type_name) {
+  try {
+    f();
+  } catch (const Error& e) {
+    return e.number() == kHistoryEmptyNumber && e.source() == kHistorySource &&
+           e.description() == u"The value history holds no " + std::u16string(type_name);
+  }
+  return false;
+}
+
+// What a host can observe of its floating-point environment: the x87
+// control word and exception flags, and MXCSR (SSE masks, rounding, flags,
+// flush-to-zero, denormals-are-zero). All zero off x86-64 glibc.
+struct FpEnv {
+  std::uint16_t x87_control = 0, x87_flags = 0;
+  std::uint32_t mxcsr = 0;
+  bool operator==(const FpEnv&) const = default;
+};
+inline FpEnv observe_env() {
+#if defined(__x86_64__) && defined(__GLIBC__)
+  std::fenv_t e;
+  std::fegetenv(&e);
+  return {e.__control_word, static_cast<std::uint16_t>(e.__status_word & 0x3F), e.__mxcsr};
+#else
+  return {};
+#endif
+}
+
+// Runs body as a host whose environment arm() set up (unmasked traps, another
+// rounding mode, sticky flags of its own). A SIGFPE ends the test program with
+// exit code 99; afterwards the test's own environment is back, whatever body
+// expected or failed.
+inline constexpr int kTrapExit = 99;
+template <class Arm, class Body>
+void as_host(Arm arm, Body body) {
+  std::fenv_t saved;
+  std::fegetenv(&saved);
+  auto previous = std::signal(SIGFPE, [](int) { std::_Exit(kTrapExit); });
+  arm();
+  body();
+  std::fesetenv(&saved);
+  std::signal(SIGFPE, previous);
+}
+inline void unmask_traps() { feenableexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW); }
 
 }  // namespace valmetra::test

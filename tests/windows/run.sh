@@ -20,7 +20,9 @@
 #
 # Environment: VALMETRA_WINE_KEEP=1 keeps the registration after the run;
 # VALMETRA_WIN_BUILD=<dir prefix> reads the builds from <prefix>x64 and
-# <prefix>x86 instead of build/win-x64 and build/win-x86.
+# <prefix>x86 instead of build/win-x64 and build/win-x86;
+# VALMETRA_WINE_PREFIX=<dir> runs the x64 tests in that Wine prefix (x86 in
+# <dir>-x86) instead of build/wine-x64 and build/wine-x86.
 # Ends with the line "N passed, N failed, N skipped".
 set -uo pipefail
 
@@ -215,6 +217,10 @@ run_gtests() {  # run_gtests <arch> <prefix>
 runtime_tests() {  # runtime_tests <arch> <winearch>
   local arch=$1 winearch=$2 prefix dll path key
   prefix=$ROOT/build/wine-$arch
+  if [ -n "${VALMETRA_WINE_PREFIX:-}" ]; then
+    prefix=$VALMETRA_WINE_PREFIX
+    [ "$arch" = x64 ] || prefix=$prefix-$arch
+  fi
   echo "== runtime tests, $arch (Wine prefix $prefix)"
   if ! prepare_prefix "$prefix" "$winearch"; then
     fail "$arch: could not create the Wine prefix $prefix"
@@ -244,7 +250,7 @@ runtime_tests() {  # runtime_tests <arch> <winearch>
     WINEPREFIX=$prefix wine regsvr32 /s "$(winpath "$path")" >/dev/null 2>&1 ||
       fail "$arch regsvr32 $(basename "$path") (before the scripts)"
   done
-  run_scripts "$arch" "$prefix" "$ROOT/build/wine-$arch-scripts"
+  run_scripts "$arch" "$prefix" "$prefix-scripts"
 
   # Unregistration removes what registration made; then register again so
   # the prefix stays usable (unless asked to keep it clean).

@@ -27,7 +27,14 @@ std::u16string to_u16string(BSTR text) {
 }
 
 valmetra::Variant to_core_variant(const VARIANT& value) {
-  if (value.vt == (VT_BYREF | VT_VARIANT)) return value.pvarVal ? to_core_variant(*value.pvarVal) : valmetra::Variant{};
+  if ((value.vt & VT_BYREF) && !value.byref) return {};
+  if (value.vt == (VT_BYREF | VT_VARIANT)) {
+    // One level only: a reference to a Variant that is itself a reference
+    // to a Variant is malformed (and may refer to itself).
+    const VARIANT& inner = *value.pvarVal;
+    if (inner.vt == (VT_BYREF | VT_VARIANT)) return {};
+    return to_core_variant(inner);
+  }
   if (value.vt & VT_BYREF) {
     Variant copy;
     if (FAILED(VariantCopyInd(copy.get(), const_cast<VARIANT*>(&value)))) return {};

@@ -10,7 +10,8 @@
 //   VT_R4                                          -> Single
 //   VT_R8, VT_CY, VT_DATE, VT_DECIMAL              -> Double
 //   VT_BSTR                                        -> text
-// A by-reference VARIANT is read through its reference.
+// A by-reference VARIANT is read through its reference; a null reference,
+// and a reference to a Variant that is itself such a reference, are empty.
 // The way back maps empty/Integer/Long/Single/Double/text to
 // VT_EMPTY/VT_I2/VT_I4/VT_R4/VT_R8/VT_BSTR.
 #pragma once

@@ -115,6 +115,10 @@ HRESULT get_ids_of_names_general(const DispatchTable& table, REFIID riid, LPOLES
 
 HRESULT invoke_general(const Member& m, void* self, LCID lcid, DISPPARAMS* params, VARIANT* result,
                        EXCEPINFO* exception, UINT* arg_error) noexcept {
+  // Converting an argument may call out (an object argument is asked for its
+  // value) and the caller's last reference may go meanwhile: the call holds
+  // one of its own. `self` is a dual interface, an IDispatch at its address.
+  const ComPtr<IDispatch> hold(static_cast<IDispatch*>(self));
   const unsigned n = m.param_count;
   Arg args[kMaxParams];
   Temps temps;

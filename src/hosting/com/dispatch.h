@@ -26,7 +26,13 @@
 //   VT_BYREF|VT_VARIANT, is used as it is; any other is converted with
 //   VariantChangeTypeEx (text such as "5" included) into a temporary; a
 //   failed conversion returns its DISP_E_TYPEMISMATCH or DISP_E_OVERFLOW.
+//   A null reference (VT_BYREF with a null pointer, also inside a
+//   VT_BYREF|VT_VARIANT) is DISP_E_TYPEMISMATCH for every parameter, a
+//   Variant parameter included.
 //   *puArgErr names the argument of every argument failure.
+// - Converting an object argument calls its value member, which may call
+//   back into the object or release the caller's last reference to it: the
+//   call holds a reference of its own meanwhile.
 // - Parameters declared written-back (Passing::InOut) are written into the
 //   caller's by-reference argument after a successful call only; such an
 //   argument passed by reference to another type fails with
@@ -302,6 +308,7 @@ VALMETRA_HOT_INLINE bool load_exact(const Param& p, const VARIANT& source, Arg& 
   const VARTYPE vt = v->vt;
   if (p.type == VT_VARIANT) {
     if (vt == VT_ERROR && v->scode == DISP_E_PARAMNOTFOUND) return false;
+    if ((vt & VT_BYREF) && !v->byref) return false;  // a null reference is refused
     a.var = *v;  // borrowed for the call, as a by-value VARIANT is
     return true;
   }

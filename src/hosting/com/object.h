@@ -22,7 +22,9 @@
 //
 // frame() is the call frame of every operation: it holds a reference to
 // the object while the operation runs, and turns whatever the operation
-// throws into the failure HRESULT and error information (error.h).
+// throws into the failure HRESULT and error information (error.h). On
+// 32-bit x86 it also runs the operation in the library's floating
+// environment (fp::Scope), where results pass through the x87 registers.
 #pragma once
 
 #include <windows.h>
@@ -31,6 +33,7 @@
 #include <new>
 #include <utility>
 
+#include "frame/fp.h"
 #include "hosting/com/dispatch.h"
 #include "hosting/com/error.h"
 #include "hosting/com/module.h"
@@ -96,6 +99,14 @@ class Object : public Interface, public ISupportErrorInfo {
   template <class F>
   HRESULT frame(F&& f) noexcept {
     ++refs_;
+#ifdef __i386__
+    // 32-bit x86 returns Single and Double results in the x87 registers: a
+    // core function's result is loaded there after the function's own scope
+    // has ended, and stored again here. Both must happen in the library's
+    // environment (a denormal result would set the host's denormal flag or
+    // trap in its environment).
+    fp::Scope scope;
+#endif
     HRESULT hr = S_OK;
     try {
       std::forward<F>(f)();
