@@ -256,6 +256,7 @@ TYPED_TEST(FloatingValueTest, Operations) {
       {Op::RaiseYourself, nan, 0, 1, 0},
       {Op::RaiseYourself, -1, -32768, 1, 0},
       {Op::RaiseYourself, 0.0, -1, 0.0, kDivisionByZero},
+      {Op::RaiseYourself, -0.0, -3, -0.0, kDivisionByZero},
       {Op::RaiseYourself, inf, 2, inf, kOverflow},
       {Op::RaiseYourself, nan, 1, nan, kInvalidCall},
       {Op::Raise, 2, 3, 8, 0},

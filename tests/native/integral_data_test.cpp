@@ -75,7 +75,9 @@ TYPED_TEST(IntegralData, CheckedArithmeticFailsAtTheLimitsWithoutStoring) {
   using C = TypeParam;
   run<C>({
       {"Add 1", kMax<C>, [](C& c) { c.Add(1); }, 0, E6},
+      {"Add -1", kMin<C>, [](C& c) { c.Add(-1); }, 0, E6},
       {"Subtract 1", kMin<C>, [](C& c) { c.Subtract(1); }, 0, E6},
+      {"Subtract -1", kMax<C>, [](C& c) { c.Subtract(-1); }, 0, E6},
       {"Subtract max", -1, [](C& c) { c.Subtract(kMax<C>); }, kMin<C>},
       {"Subtract min", -1, [](C& c) { c.Subtract(kMin<C>); }, kMax<C>},
       {"Multiply -1", kMin<C>, [](C& c) { c.Multiply(-1); }, 0, E6},
