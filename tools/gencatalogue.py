@@ -175,8 +175,9 @@ def load(source):
     return lib, classes
 
 
-def cxx_u16(s):
-    out = ['u"']
+def cxx_literal(s, prefix):
+    """A C++ wide string literal of s (prefix "u" for char16_t, "L" for wchar_t)."""
+    out = [prefix + '"']
     for ch in s:
         o = ord(ch)
         if ch in '"\\':
@@ -184,9 +185,13 @@ def cxx_u16(s):
         elif 32 <= o < 127:
             out.append(ch)
         else:
-            out.append(f"\\x{o:04x}\"u\"")
+            out.append(f'\\x{o:04x}"{prefix}"')
     out.append('"')
     return "".join(out)
+
+
+def cxx_u16(s):
+    return cxx_literal(s, "u")
 
 
 def write_if_changed(path, text):

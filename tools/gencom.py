@@ -18,6 +18,8 @@ Writes into the output directory:
 The core signature conventions are those of src/hosting/catalogue/FORMAT.md.
 """
 
+import gencatalogue  # the shared literal helper
+
 # Identifier of the custom interface that the class factories of global
 # classes answer, giving hosts the apartment's global instance. Fixed.
 GLOBAL_INSTANCE_IID = "b5f0c1e2-7a44-4c1b-9d0e-3f6a2c8e5d17"
@@ -58,17 +60,7 @@ def guid_cxx(text):
 
 
 def wide(s):
-    out = ['L"']
-    for ch in s:
-        o = ord(ch)
-        if ch in '"\\':
-            out.append("\\" + ch)
-        elif 32 <= o < 127:
-            out.append(ch)
-        else:
-            out.append(f'\\x{o:04x}""')
-    out.append('"')
-    return "".join(out)
+    return gencatalogue.cxx_literal(s, "L")
 
 
 def rc_string(s):
