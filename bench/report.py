@@ -50,9 +50,9 @@ EXTRA = [
 ]
 
 
-def read_results(spec):
+def read_results(run_arg):
     """platform=path -> (platform, {id: result}, {id: [notes]})"""
-    name, path = spec.split("=", 1)
+    name, path = run_arg.split("=", 1)
     results, notes = {}, {}
     with open(path, encoding="utf-8", errors="replace") as f:
         for line in f:
@@ -178,7 +178,7 @@ def main():
     ap.add_argument("runs", nargs="+", help="platform=results.txt")
     args = ap.parse_args()
 
-    runs = [read_results(spec) for spec in args.runs]
+    runs = [read_results(run_arg) for run_arg in args.runs]
     rows_md, chart_rows, missing = [], [], []
     met_count = total = 0
     for rid, what, comparison, goal, targets in GOALS:

@@ -1,18 +1,7 @@
-set(CMAKE_SYSTEM_NAME Windows)
-set(CMAKE_SYSTEM_PROCESSOR i686)
 set(VALMETRA_TRIPLE i686-w64-mingw32)
-set(CMAKE_C_COMPILER ${VALMETRA_TRIPLE}-gcc-posix)
-set(CMAKE_CXX_COMPILER ${VALMETRA_TRIPLE}-g++-posix)
-set(CMAKE_RC_COMPILER ${VALMETRA_TRIPLE}-windres)
-set(VALMETRA_WIDL ${VALMETRA_TRIPLE}-widl)
+set(CMAKE_SYSTEM_PROCESSOR i686)
 set(VALMETRA_ARCH x86)
-set(CMAKE_FIND_ROOT_PATH /usr/${VALMETRA_TRIPLE})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-# Static runtime: the DLLs and test programs need nothing beside them.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-common.cmake)
 # SSE2 arithmetic so Single and Double results round exactly as on x64;
 # stdcall fix-up so the .def names match the decorated exports.
 set(CMAKE_C_FLAGS_INIT "-msse2 -mfpmath=sse")

@@ -274,10 +274,10 @@ def com_body(c, m, stored_text):
     elif m.result == "VARIANT":
         lines.append(f"VariantInit({RESULT_NAME});")
     if stored_text and m.result == "BSTR":
-        lines.append(f"return frame([&] {{ *{RESULT_NAME} = com::make_bstr(stored_text({m.slot})); }});")
+        lines.append(f"return frame([&] {{ *{RESULT_NAME} = com::make_bstr(valmetra::TextConstants::slot_text({m.slot})); }});")
         return lines
     if stored_text:
-        lines.append(f"return frame([&] {{ com::make_text_variant(stored_text({m.slot}), {RESULT_NAME}); }});")
+        lines.append(f"return frame([&] {{ com::make_text_variant(valmetra::TextConstants::slot_text({m.slot}), {RESULT_NAME}); }});")
         return lines
     if not c.core_type:
         lines += [f"(void){p.name};" for p in m.params if p.passing == "val"]

@@ -14,18 +14,6 @@
 #include "hosting/com/raii.h"
 #include "text/text_constants.h"
 
-namespace valmetra::hosting {
-namespace {
-
-// What the generated TextConstants class reads (as in the DLL).
-std::u16string_view stored_text(int slot) {
-  return valmetra::TextConstants::Text(
-      static_cast<std::size_t>(valmetra::TextConstants::members()[static_cast<std::size_t>(slot - 1)].text));
-}
-
-}  // namespace
-}  // namespace valmetra::hosting
-
 #include "com_objects.inc"
 
 namespace valmetra::bench {

@@ -48,6 +48,12 @@ std::u16string_view TextConstants::Text(std::size_t index) {
   return kTexts[index];
 }
 
+std::u16string_view TextConstants::slot_text(std::size_t slot) {
+  if (slot == 0 || slot > std::size(kMembers) || kMembers[slot - 1].text == kBuiltText)
+    raise(ErrorNumber::InvalidProcedureCall);
+  return Text(static_cast<std::size_t>(kMembers[slot - 1].text));
+}
+
 std::size_t TextConstants::text_count() noexcept { return std::size(kTexts); }
 
 std::span<const TextConstants::Member> TextConstants::members() noexcept { return kMembers; }

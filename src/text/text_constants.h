@@ -32,6 +32,9 @@ class TextConstants {
   // outside the table is a programming error of the caller; it raises the
   // Invalid procedure call error (5) rather than reading past the table.
   static std::u16string_view Text(std::size_t index);
+  // The stored text of the interface entry at `slot` (1-based); the
+  // generated COM class serves every text member through it.
+  static std::u16string_view slot_text(std::size_t slot);
   // How many distinct texts are stored.
   static std::size_t text_count() noexcept;
 

@@ -395,16 +395,7 @@ void drain_history() {
   }
 }
 
-ComPtr<IUnknown> create_interface(const wchar_t* class_name) {
-  ComPtr<IUnknown> out;
-  ComPtr<IClassFactory> factory;
-  const auto& c = kClasses[class_index(class_name)];
-  EXPECT_EQ(library().get_class_object(c.clsid, IID_IClassFactory, factory.put_void()), S_OK);
-  if (factory) {
-    EXPECT_EQ(factory->CreateInstance(nullptr, c.iid, out.put_void()), S_OK);
-  }
-  return out;
-}
+ComPtr<IUnknown> create_interface(const wchar_t* class_name) { return create_as<IUnknown>(class_name); }
 
 enum class Path { Vtable, Invoke };
 
