@@ -39,7 +39,7 @@ struct RoundTrip {
     SingleAverage* a = opaque(&average);
     a->HereIsAStringOfNumbers(strings[0]);
     for (std::size_t i = 1; i < strings.size(); ++i) a->IncludeThisStringOfNumbers(strings[i]);
-    const std::u16string listing = a->GiveMeYourNumbers();
+    const std::u16string listing = a->GiveMeYourNumbers().str();
     const Single mean = a->DataAverage();
     return {listing.size(), mean};
   }

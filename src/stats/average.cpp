@@ -108,26 +108,51 @@ Element SampleAverage<Element, Sum>::DataLowest() {
   return extreme(std::less<double>());
 }
 
+// The listing is measured first (counting the items, so an Overflow comes
+// before anything is written), then written straight into the caller's
+// storage. A number item's text is made in both passes; text items, what
+// number strings give, are only copied.
 template <class Element, class Sum>
-std::u16string SampleAverage<Element, Sum>::GiveMeYourNumbers() {
+SizedText SampleAverage<Element, Sum>::GiveMeYourNumbers() {
   std::size_t size = 0;
-  for (const Item& item : items_) {
-    const auto* text = std::get_if<std::u16string>(&item);
-    size += 2 + (text != nullptr ? text->size() : 16);
-  }
-  std::u16string result;
-  result.reserve(size);
+  std::u16string number;
   IntegerData counter;
   for (const Item& item : items_) {
-    if (counter.Default() != 0) result += u", ";
+    if (counter.Default() != 0) size += 2;
     counter.IncrementYourself();
-    append_item_text(result, item);
+    if (const auto* text = std::get_if<std::u16string>(&item)) {
+      size += text->size();
+    } else {
+      number.clear();
+      append_item_text(number, item);
+      size += number.size();
+    }
   }
-  return result;
+  return SizedText(size, &write_listing, this);
 }
 
 template <class Element, class Sum>
-void SampleAverage<Element, Sum>::IncludeThisStringOfNumbers(const std::u16string& NumberString) {
+void SampleAverage<Element, Sum>::write_listing(const void* self, char16_t* out) {
+  std::u16string number;
+  bool first = true;
+  for (const Item& item : static_cast<const SampleAverage*>(self)->items_) {
+    if (!first) {
+      *out++ = u',';
+      *out++ = u' ';
+    }
+    first = false;
+    const std::u16string* text = std::get_if<std::u16string>(&item);
+    if (!text) {
+      number.clear();
+      append_item_text(number, item);
+      text = &number;
+    }
+    out = std::copy(text->begin(), text->end(), out);
+  }
+}
+
+template <class Element, class Sum>
+void SampleAverage<Element, Sum>::IncludeThisStringOfNumbers(std::u16string_view NumberString) {
   const std::u16string_view text = NumberString;
   // Room for every piece at once, growing at least geometrically so that
   // appending string after string stays linear: no item moves while cutting.

@@ -40,10 +40,12 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
 #include "frame/arith.h"
+#include "frame/sized_text.h"
 #include "values/integer_data.h"
 #include "values/single_data.h"
 
@@ -66,19 +68,21 @@ class SampleAverage {
   Element DataMedian() { return Element{0}; }
   Element DataMean() { return Element{0}; }
   Element DataMode() { return Element{0}; }
-  std::u16string GiveMeYourNumbers();
+  // The listing, written where the caller wants it (see frame/sized_text.h).
+  SizedText GiveMeYourNumbers();
   // Drops every item, then appends the pieces of NumberString.
-  void HereIsAStringOfNumbers(const std::u16string& NumberString) {
+  void HereIsAStringOfNumbers(std::u16string_view NumberString) {
     items_.clear();  // keeps the list's storage for the new items
     IncludeThisStringOfNumbers(NumberString);
   }
-  void IncludeThisStringOfNumbers(const std::u16string& NumberString);
+  void IncludeThisStringOfNumbers(std::u16string_view NumberString);
   Element WeightedMean() { return Element{0}; }
   Element WeightedMode() { return Element{0}; }
 
  private:
   template <class Beyond>
   Element extreme(Beyond beyond) const;
+  static void write_listing(const void* self, char16_t* out);
 
   // Storage is kept when the list is emptied and grows geometrically (see
   // IncludeThisStringOfNumbers): a list replaced again and again is refilled

@@ -133,7 +133,7 @@ void run(const std::vector<Action>& actions, const fuzz::HostEnv& env) {
 
   // The listing.
   std::u16string listed;
-  const fuzz::Outcome listed_out = fuzz::call_in_env(env, [&] { listed = avg.GiveMeYourNumbers(); });
+  const fuzz::Outcome listed_out = fuzz::call_in_env(env, [&] { listed = avg.GiveMeYourNumbers().str(); });
   std::u16string want_listed;
   const bool listable = fuzz::ref::listing<Element>(model, want_listed);
   FUZZ_CHECK(listed_out.error == (listable ? 0 : 6), "listing: error " + std::to_string(listed_out.error));
@@ -178,7 +178,7 @@ void run(const std::vector<Action>& actions, const fuzz::HostEnv& env) {
   for (const auto& piece : again.pieces) recut.emplace_back(std::in_place_index<1>, piece);
   std::u16string relisted, want_relisted;
   const bool relistable = fuzz::ref::listing<Element>(recut, want_relisted);
-  out = fuzz::call_in_env(env, [&] { relisted = other.GiveMeYourNumbers(); });
+  out = fuzz::call_in_env(env, [&] { relisted = other.GiveMeYourNumbers().str(); });
   FUZZ_CHECK(out.error == (relistable ? 0 : 6), "re-listing: error " + std::to_string(out.error));
   if (relistable) FUZZ_CHECK(relisted == want_relisted, "re-listing differs");
 }

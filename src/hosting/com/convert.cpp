@@ -93,6 +93,14 @@ void to_com_variant(const valmetra::Variant& value, VARIANT* out) {
   }
 }
 
+BSTR make_bstr(const valmetra::SizedText& text) {
+  if (text.size() > 0x7FFFFFFEu / sizeof(OLECHAR)) throw std::bad_alloc();
+  Bstr b = Bstr::adopt(SysAllocStringLen(nullptr, static_cast<UINT>(text.size())));
+  if (!b.get()) throw std::bad_alloc();
+  text.write_to(reinterpret_cast<char16_t*>(b.get()));
+  return b.detach();
+}
+
 void make_text_variant(std::u16string_view text, VARIANT* out) {
   VariantInit(out);
   out->bstrVal = make_bstr(text);

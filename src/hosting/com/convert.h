@@ -20,7 +20,9 @@
 #include <oleauto.h>
 
 #include <string>
+#include <string_view>
 
+#include "frame/sized_text.h"
 #include "frame/variant.h"
 #include "hosting/com/raii.h"
 
@@ -28,6 +30,17 @@ namespace valmetra::com {
 
 // A copy of the BSTR's text (a null BSTR is the empty text).
 std::u16string to_u16string(BSTR text);
+
+// The BSTR's text where it lies (a null BSTR is the empty text): for a text
+// argument, which the caller keeps alive for the call.
+inline std::u16string_view text_view(BSTR text) noexcept {
+  if (!text) return {};
+  return {reinterpret_cast<const char16_t*>(text), SysStringLen(text)};
+}
+
+// A BSTR holding the text, written by the text's maker straight into it.
+// Throws std::bad_alloc when it cannot be allocated.
+[[nodiscard]] BSTR make_bstr(const valmetra::SizedText& text);
 
 valmetra::Variant to_core_variant(const VARIANT& value);
 

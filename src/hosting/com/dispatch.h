@@ -405,4 +405,134 @@ VALMETRA_HOT_INLINE HRESULT invoke(const DispatchTable& table, void* self, DISPI
   return S_OK;
 }
 
+// The typed path: pieces of the per-class Invoke that the generator writes
+// (com_objects.inc). There each entry whose parameters are numbers, flags
+// or texts has a case in a switch on the dispatch identifier, with the
+// parameter and result types fixed at compile time, ahead of the table
+// path above. A case takes only what needs no conversion: the right kind
+// and argument count, no named argument but a put's DISPID_PROPERTYPUT,
+// and arguments of the declared types (by value, by reference, or inside
+// a VT_BYREF|VT_VARIANT). Everything else, failures included, goes on to
+// the table path, so both give the same answers; a Windows test compares
+// them entry by entry.
+namespace typed {
+
+template <VARTYPE T>
+struct Field;
+template <>
+struct Field<VT_I2> {
+  using type = SHORT;
+  static SHORT& of(VARIANT& v) noexcept { return v.iVal; }
+};
+template <>
+struct Field<VT_I4> {
+  using type = LONG;
+  static LONG& of(VARIANT& v) noexcept { return v.lVal; }
+};
+template <>
+struct Field<VT_R4> {
+  using type = FLOAT;
+  static FLOAT& of(VARIANT& v) noexcept { return v.fltVal; }
+};
+template <>
+struct Field<VT_R8> {
+  using type = DOUBLE;
+  static DOUBLE& of(VARIANT& v) noexcept { return v.dblVal; }
+};
+template <>
+struct Field<VT_BOOL> {
+  using type = VARIANT_BOOL;
+  static VARIANT_BOOL& of(VARIANT& v) noexcept { return v.boolVal; }
+};
+template <>
+struct Field<VT_BSTR> {
+  using type = BSTR;
+  static BSTR& of(VARIANT& v) noexcept { return v.bstrVal; }
+};
+
+template <VARTYPE T>
+using type_of = typename Field<T>::type;
+
+// A method call (or a get called as a method) with `count` arguments.
+VALMETRA_HOT_INLINE bool is_method_call(WORD flags, const DISPPARAMS* p, UINT count) noexcept {
+  return (flags & DISPATCH_METHOD) && !(flags & (DISPATCH_PROPERTYPUT | DISPATCH_PROPERTYPUTREF)) &&
+         p->cNamedArgs == 0 && p->cArgs == count && (count == 0 || p->rgvarg);
+}
+VALMETRA_HOT_INLINE bool is_get_call(WORD flags, const DISPPARAMS* p, UINT count) noexcept {
+  return (flags & (DISPATCH_PROPERTYGET | DISPATCH_METHOD)) &&
+         !(flags & (DISPATCH_PROPERTYPUT | DISPATCH_PROPERTYPUTREF)) && p->cNamedArgs == 0 && p->cArgs == count &&
+         (count == 0 || p->rgvarg);
+}
+VALMETRA_HOT_INLINE bool is_put_call(WORD flags, const DISPPARAMS* p) noexcept {
+  return (flags & (DISPATCH_PROPERTYPUT | DISPATCH_PROPERTYPUTREF)) && p->cArgs == 1 && p->rgvarg &&
+         (p->cNamedArgs == 0 ||
+          (p->cNamedArgs == 1 && p->rgdispidNamedArgs && p->rgdispidNamedArgs[0] == DISPID_PROPERTYPUT));
+}
+
+// The argument in its declared type, as load_exact takes it.
+template <VARTYPE T>
+VALMETRA_HOT_INLINE bool load(const VARIANT& source, type_of<T>& out) noexcept {
+  const VARIANT* v = &source;
+  if (v->vt == T) {
+    std::memcpy(&out, &v->iVal, sizeof out);
+    return true;
+  }
+  if (v->vt == (VT_BYREF | VT_VARIANT)) {
+    v = v->pvarVal;
+    if (!v) return false;
+    if (v->vt == T) {
+      std::memcpy(&out, &v->iVal, sizeof out);
+      return true;
+    }
+  }
+  if (v->vt == (VT_BYREF | T) && v->byref) {
+    std::memcpy(&out, v->byref, sizeof out);
+    return true;
+  }
+  return false;
+}
+
+// Finishes a call: the failure as exception information, or the result
+// (a text the caller did not ask for is freed).
+VALMETRA_HOT_INLINE HRESULT finish(HRESULT hr, VARIANT* result, EXCEPINFO* exception) noexcept {
+  if (FAILED(hr)) return exception_from_failure(hr, exception);
+  if (result) result->vt = VT_EMPTY;
+  return S_OK;
+}
+template <VARTYPE R>
+VALMETRA_HOT_INLINE HRESULT finish(HRESULT hr, type_of<R>& value, VARIANT* result, EXCEPINFO* exception) noexcept {
+  if (FAILED(hr)) return exception_from_failure(hr, exception);
+  if (result) {
+    result->vt = R;
+    Field<R>::of(*result) = value;
+  } else if constexpr (R == VT_BSTR) {
+    Arg r;
+    r.bstr = value;
+    detail::discard_result(VT_BSTR, r);
+  }
+  return S_OK;
+}
+VALMETRA_HOT_INLINE HRESULT finish_variant(HRESULT hr, VARIANT& value, VARIANT* result, EXCEPINFO* exception) noexcept {
+  if (FAILED(hr)) return exception_from_failure(hr, exception);
+  if (result) {
+    *result = value;
+  } else {
+    Arg r;
+    r.var = value;
+    detail::discard_result(VT_VARIANT, r);
+  }
+  return S_OK;
+}
+
+// Writes a written-back parameter into the caller's argument after a
+// successful call (as the table path does).
+template <VARTYPE T>
+inline void write_back(const Param& param, type_of<T> value, VARIANT& source) noexcept {
+  Arg a;
+  std::memcpy(&a, &value, sizeof value);
+  detail::write_back(param, a, source);
+}
+
+}  // namespace typed
+
 }  // namespace valmetra::com

@@ -20,6 +20,10 @@
 // reference count is a plain counter. Only the module count is shared
 // between threads (atomic).
 //
+// Invoke first offers the call to Derived::invoke_typed (the generated
+// classes have one: a switch on the dispatch identifier with the argument
+// types fixed at compile time), then takes the table path.
+//
 // frame() is the call frame of every operation: it holds a reference to
 // the object while the operation runs, and turns whatever the operation
 // throws into the failure HRESULT and error information (error.h). On
@@ -81,8 +85,11 @@ class Object : public Interface, public ISupportErrorInfo {
   }
   HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params,
                                    VARIANT* result, EXCEPINFO* exception, UINT* arg_error) noexcept override {
-    return invoke(Derived::dispatch_table(), static_cast<Interface*>(this), id, riid, lcid, flags, params, result,
-                  exception, arg_error);
+    if (params && is_null_iid(riid)) {
+      HRESULT hr;
+      if (static_cast<Derived*>(this)->invoke_typed(id, flags, params, result, exception, hr)) return hr;
+    }
+    return invoke_table(id, riid, lcid, flags, params, result, exception, arg_error);
   }
 
   // ISupportErrorInfo
@@ -117,12 +124,27 @@ class Object : public Interface, public ISupportErrorInfo {
     return hr;
   }
 
+  // The typed path of Invoke (dispatch.h, namespace typed): true when it
+  // took the call, with its answer in `hr`. A class may hide this with a
+  // switch over its own entries; by default every call takes the table path.
+  VALMETRA_HOT_INLINE bool invoke_typed(DISPID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, HRESULT&) noexcept {
+    return false;
+  }
+
   // A null pointer where the interface needs one.
   HRESULT pointer_error() noexcept { return report(E_POINTER, u"Invalid pointer", interface_id()); }
   // An entry whose class has no implementation in this build.
   HRESULT not_implemented() noexcept { return report(E_NOTIMPL, u"Not implemented", interface_id()); }
 
  private:
+  // The table path, out of line: Invoke itself stays as small as the
+  // typed path needs.
+  [[gnu::noinline]] HRESULT invoke_table(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params,
+                                         VARIANT* result, EXCEPINFO* exception, UINT* arg_error) noexcept {
+    return invoke(Derived::dispatch_table(), static_cast<Interface*>(this), id, riid, lcid, flags, params, result,
+                  exception, arg_error);
+  }
+
   ULONG release_reference() noexcept {
     const ULONG left = --refs_;
     if (left == 0) [[unlikely]]
