@@ -145,7 +145,7 @@ class Object : public Interface, public ISupportErrorInfo {
                   exception, arg_error);
   }
 
-  ULONG release_reference() noexcept {
+  VALMETRA_HOT_INLINE ULONG release_reference() noexcept {
     const ULONG left = --refs_;
     if (left == 0) [[unlikely]]
       destroy();
