@@ -12,7 +12,9 @@ Writes into the output directory:
                       (a vtable call), in the DLL the final COM class (the
                       same methods, called directly)
   com_objects.inc     one COM class per catalogue class: a thin override per
-                      interface entry that calls the core object
+                      interface entry that calls the core object, and the
+                      typed path of its Invoke (invoke_typed: a switch on
+                      the dispatch identifier, types fixed at compile time)
   valmetra_version.h  the version resource's texts (included by the .rc)
 
 The core signature conventions are those of src/hosting/catalogue/FORMAT.md.
