@@ -152,8 +152,7 @@ void SampleAverage<Element, Sum>::write_listing(const void* self, char16_t* out)
 }
 
 template <class Element, class Sum>
-void SampleAverage<Element, Sum>::IncludeThisStringOfNumbers(std::u16string_view NumberString) {
-  const std::u16string_view text = NumberString;
+void SampleAverage<Element, Sum>::IncludeThisStringOfNumbers(std::u16string_view text) {
   // Room for every piece at once, growing at least geometrically so that
   // appending string after string stays linear: no item moves while cutting.
   std::size_t pieces = 1;

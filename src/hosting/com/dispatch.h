@@ -284,6 +284,66 @@ inline bool is_null_iid(REFIID riid) noexcept {
 // thread's error information, and returns DISP_E_EXCEPTION.
 HRESULT exception_from_failure(HRESULT hr, EXCEPINFO* exception) noexcept;
 
+// The typed path: pieces of the per-class Invoke that the generator writes
+// (com_objects.inc). There each entry whose parameters are numbers, flags
+// or texts has a case in a switch on the dispatch identifier, with the
+// parameter and result types fixed at compile time, ahead of the table
+// path (invoke() below). A case takes only what needs no conversion: the
+// right kind and argument count, no named argument but a put's
+// DISPID_PROPERTYPUT, and arguments of the declared types (by value, by
+// reference, or inside a VT_BYREF|VT_VARIANT). Everything else, failures
+// included, goes on to the table path, so both give the same answers; a
+// Windows test compares them entry by entry.
+namespace typed {
+
+// The C++ type of an argument or result of declared type T.
+template <VARTYPE T>
+struct TypeOf;
+template <>
+struct TypeOf<VT_I2> { using type = SHORT; };
+template <>
+struct TypeOf<VT_I4> { using type = LONG; };
+template <>
+struct TypeOf<VT_R4> { using type = FLOAT; };
+template <>
+struct TypeOf<VT_R8> { using type = DOUBLE; };
+template <>
+struct TypeOf<VT_BOOL> { using type = VARIANT_BOOL; };
+template <>
+struct TypeOf<VT_BSTR> { using type = BSTR; };
+
+template <VARTYPE T>
+using type_of = typename TypeOf<T>::type;
+
+// The argument in its declared type without conversion: the exact type by
+// value or by reference, also inside a VT_BYREF|VT_VARIANT. False when
+// anything else is needed (conversion, a missing argument, a null
+// reference). The table path's load_exact takes the same for its run-time
+// parameter types.
+template <VARTYPE T>
+VALMETRA_HOT_INLINE bool load(const VARIANT& source, type_of<T>& out) noexcept {
+  const VARIANT* v = &source;
+  if (v->vt == T) {
+    std::memcpy(&out, &v->iVal, sizeof out);
+    return true;
+  }
+  if (v->vt == (VT_BYREF | VT_VARIANT)) {
+    v = v->pvarVal;
+    if (!v) return false;
+    if (v->vt == T) {
+      std::memcpy(&out, &v->iVal, sizeof out);
+      return true;
+    }
+  }
+  if (v->vt == (VT_BYREF | T) && v->byref) {
+    std::memcpy(&out, v->byref, sizeof out);
+    return true;
+  }
+  return false;
+}
+
+}  // namespace typed
+
 namespace detail {
 
 // Every case the inline paths below do not take.
@@ -295,40 +355,28 @@ void write_back(const Param& param, const Arg& value, VARIANT& source) noexcept;
 // Frees a text or Variant result that the caller did not ask for.
 void discard_result(VARTYPE type, Arg& value) noexcept;
 
-// The argument in its declared type without conversion: the exact type by
-// value or by reference, also inside a VT_BYREF|VT_VARIANT. False when
-// anything else is needed (conversion, a missing argument, a null
-// reference).
+// typed::load for a parameter type known at run time; a Variant parameter
+// borrows the argument (a missing one and a null reference refused).
 VALMETRA_HOT_INLINE bool load_exact(const Param& p, const VARIANT& source, Arg& a) noexcept {
+  switch (p.type) {
+    case VT_I2: return typed::load<VT_I2>(source, a.i2);
+    case VT_I4: return typed::load<VT_I4>(source, a.i4);
+    case VT_R4: return typed::load<VT_R4>(source, a.r4);
+    case VT_R8: return typed::load<VT_R8>(source, a.r8);
+    case VT_BOOL: return typed::load<VT_BOOL>(source, a.b);
+    case VT_BSTR: return typed::load<VT_BSTR>(source, a.bstr);
+    case VT_VARIANT: break;
+    default: return false;
+  }
   const VARIANT* v = &source;
   if (v->vt == (VT_BYREF | VT_VARIANT)) {
     v = v->pvarVal;
     if (!v) return false;
   }
-  const VARTYPE vt = v->vt;
-  if (p.type == VT_VARIANT) {
-    if (vt == VT_ERROR && v->scode == DISP_E_PARAMNOTFOUND) return false;
-    if ((vt & VT_BYREF) && !v->byref) return false;  // a null reference is refused
-    a.var = *v;  // borrowed for the call, as a by-value VARIANT is
-    return true;
-  }
-  const void* from;
-  if (vt == p.type) {
-    from = &v->iVal;
-  } else if (vt == (VT_BYREF | p.type) && v->byref) {
-    from = v->byref;
-  } else {
-    return false;
-  }
-  switch (p.type) {
-    case VT_I2: std::memcpy(&a.i2, from, sizeof a.i2); return true;
-    case VT_I4: std::memcpy(&a.i4, from, sizeof a.i4); return true;
-    case VT_R4: std::memcpy(&a.r4, from, sizeof a.r4); return true;
-    case VT_R8: std::memcpy(&a.r8, from, sizeof a.r8); return true;
-    case VT_BOOL: std::memcpy(&a.b, from, sizeof a.b); return true;
-    case VT_BSTR: std::memcpy(&a.bstr, from, sizeof a.bstr); return true;
-    default: return false;
-  }
+  if (v->vt == VT_ERROR && v->scode == DISP_E_PARAMNOTFOUND) return false;
+  if ((v->vt & VT_BYREF) && !v->byref) return false;  // a null reference is refused
+  a.var = *v;  // borrowed for the call, as a by-value VARIANT is
+  return true;
 }
 
 }  // namespace detail
@@ -405,53 +453,7 @@ VALMETRA_HOT_INLINE HRESULT invoke(const DispatchTable& table, void* self, DISPI
   return S_OK;
 }
 
-// The typed path: pieces of the per-class Invoke that the generator writes
-// (com_objects.inc). There each entry whose parameters are numbers, flags
-// or texts has a case in a switch on the dispatch identifier, with the
-// parameter and result types fixed at compile time, ahead of the table
-// path above. A case takes only what needs no conversion: the right kind
-// and argument count, no named argument but a put's DISPID_PROPERTYPUT,
-// and arguments of the declared types (by value, by reference, or inside
-// a VT_BYREF|VT_VARIANT). Everything else, failures included, goes on to
-// the table path, so both give the same answers; a Windows test compares
-// them entry by entry.
 namespace typed {
-
-template <VARTYPE T>
-struct Field;
-template <>
-struct Field<VT_I2> {
-  using type = SHORT;
-  static SHORT& of(VARIANT& v) noexcept { return v.iVal; }
-};
-template <>
-struct Field<VT_I4> {
-  using type = LONG;
-  static LONG& of(VARIANT& v) noexcept { return v.lVal; }
-};
-template <>
-struct Field<VT_R4> {
-  using type = FLOAT;
-  static FLOAT& of(VARIANT& v) noexcept { return v.fltVal; }
-};
-template <>
-struct Field<VT_R8> {
-  using type = DOUBLE;
-  static DOUBLE& of(VARIANT& v) noexcept { return v.dblVal; }
-};
-template <>
-struct Field<VT_BOOL> {
-  using type = VARIANT_BOOL;
-  static VARIANT_BOOL& of(VARIANT& v) noexcept { return v.boolVal; }
-};
-template <>
-struct Field<VT_BSTR> {
-  using type = BSTR;
-  static BSTR& of(VARIANT& v) noexcept { return v.bstrVal; }
-};
-
-template <VARTYPE T>
-using type_of = typename Field<T>::type;
 
 // A method call (or a get called as a method) with `count` arguments.
 VALMETRA_HOT_INLINE bool is_method_call(WORD flags, const DISPPARAMS* p, UINT count) noexcept {
@@ -469,29 +471,6 @@ VALMETRA_HOT_INLINE bool is_put_call(WORD flags, const DISPPARAMS* p) noexcept {
           (p->cNamedArgs == 1 && p->rgdispidNamedArgs && p->rgdispidNamedArgs[0] == DISPID_PROPERTYPUT));
 }
 
-// The argument in its declared type, as load_exact takes it.
-template <VARTYPE T>
-VALMETRA_HOT_INLINE bool load(const VARIANT& source, type_of<T>& out) noexcept {
-  const VARIANT* v = &source;
-  if (v->vt == T) {
-    std::memcpy(&out, &v->iVal, sizeof out);
-    return true;
-  }
-  if (v->vt == (VT_BYREF | VT_VARIANT)) {
-    v = v->pvarVal;
-    if (!v) return false;
-    if (v->vt == T) {
-      std::memcpy(&out, &v->iVal, sizeof out);
-      return true;
-    }
-  }
-  if (v->vt == (VT_BYREF | T) && v->byref) {
-    std::memcpy(&out, v->byref, sizeof out);
-    return true;
-  }
-  return false;
-}
-
 // Finishes a call: the failure as exception information, or the result
 // (a text the caller did not ask for is freed).
 VALMETRA_HOT_INLINE HRESULT finish(HRESULT hr, VARIANT* result, EXCEPINFO* exception) noexcept {
@@ -504,7 +483,7 @@ VALMETRA_HOT_INLINE HRESULT finish(HRESULT hr, type_of<R>& value, VARIANT* resul
   if (FAILED(hr)) return exception_from_failure(hr, exception);
   if (result) {
     result->vt = R;
-    Field<R>::of(*result) = value;
+    std::memcpy(&result->iVal, &value, sizeof value);  // every value field starts there
   } else if constexpr (R == VT_BSTR) {
     Arg r;
     r.bstr = value;
