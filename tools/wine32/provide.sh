@@ -60,6 +60,13 @@ fi
 
 [ -x "$sysloader" ] || die "$sysloader missing"
 mkdir -p "$cache"
+# One set-up at a time; a caller that waited finds the stamp.
+exec 9>"$cache/.lock"
+flock 9
+if [ -f "$stamp" ]; then
+    echo "$cache/bin"
+    exit 0
+fi
 root="$cache/root"
 apt="$cache/apt"
 
