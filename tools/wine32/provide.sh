@@ -177,7 +177,7 @@ for f in "$r"/lib/i386-linux-gnu/* "$r"/usr/lib/i386-linux-gnu/*; do
     case ${f##*/} in
         ld-linux*|libc.so*|libm.so*|libpthread*|libdl.so*|librt.so*|libresolv*|libutil*|libnss*|libanl*|libBrokenLocale*|libmvec*|libthread_db*|libc_malloc*|libmemusage*|libpcprofile*|libSegFault*) continue;;
     esac
-    ln -sf "$f" "$r/native-lib/"
+    ln -sf "../${f#"$r"/}" "$r/native-lib/"
 done
 
 # PATH directory.
