@@ -5,8 +5,8 @@
 #   W32BIN=$(tools/wine32/provide.sh) || exit 1
 #   PATH="$W32BIN${W32BIN:+:}$PATH"
 #
-# Prints nothing (and exits 0) when the system's Wine already runs 32-bit
-# programs; otherwise prints a directory with wine, wine64, wine32,
+# Prints nothing (and exits 0) when the system's Wine already runs a tiny i686
+# program (checked once per Wine version); otherwise prints a directory with wine, wine64, wine32,
 # wine-stable, wineboot, winepath and wineserver.  A prefix booted with
 # `wineboot -i` under that PATH gets its 32-bit half; the 32-bit tools are then
 # C:\windows\syswow64\cscript.exe and regsvr32.exe, and `wine32 X` starts the
@@ -49,13 +49,27 @@ if [ -f "$stamp" ]; then
     exit 0
 fi
 
-# A system Wine with a working 32-bit loader is used as it is.
+# A system Wine that runs a tiny i686 program is used as it is (the answer is
+# remembered per Wine version).
 if [ "${VALMETRA_WINE32_FORCE:-0}" != 1 ] && [ "$emulate" != 1 ]; then
-    for l in /usr/lib/wine/wine /usr/lib/i386-linux-gnu/wine/wine; do
-        if [ -x "$l" ] && WINELOADERNOEXEC=1 "$l" --version >/dev/null 2>&1; then
-            exit 0
+    [ -f "$cache/system-$version" ] && exit 0
+    if [ -e /usr/lib/wine/wine ] || [ -e /usr/lib/i386-linux-gnu/wine/i386-windows/ntdll.dll ]; then
+        probe=$cache/probe
+        mkdir -p "$probe"
+        printf 'int main(void) { return sizeof(void *) == 4 ? 42 : 1; }\n' > "$probe/p.c"
+        if i686-w64-mingw32-gcc -o "$probe/p.exe" "$probe/p.c" 2>/dev/null; then
+            rc=0
+            WINEPREFIX=$probe/prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" \
+                timeout 300 wine "$probe/p.exe" >/dev/null 2>&1 </dev/null || rc=$?
+            WINEPREFIX=$probe/prefix wineserver -k >/dev/null 2>&1 || true
+            if [ "$rc" = 42 ]; then
+                rm -rf "$probe"
+                : > "$cache/system-$version"
+                exit 0
+            fi
         fi
-    done
+        rm -rf "$probe"
+    fi
 fi
 
 [ -x "$sysloader" ] || die "$sysloader missing"
