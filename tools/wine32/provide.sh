@@ -6,8 +6,8 @@
 #   PATH="$W32BIN${W32BIN:+:}$PATH"
 #
 # Prints nothing (and exits 0) when the system's Wine already runs a tiny i686
-# program (checked once per Wine version); otherwise prints a directory with wine, wine64, wine32,
-# wine-stable, wineboot, winepath and wineserver.  A prefix booted with
+# program (checked once per Wine version); otherwise prints a directory with
+# wine, wine64, wine32, wine-stable, wineboot, winepath and wineserver.  A prefix booted with
 # `wineboot -i` under that PATH gets its 32-bit half; the 32-bit tools are then
 # C:\windows\syswow64\cscript.exe and regsvr32.exe, and `wine32 X` starts the
 # 32-bit loader first.
@@ -23,7 +23,9 @@
 #
 # Cache: build/wine32/ (VALMETRA_WINE32_CACHE overrides).  A finished set-up
 # is marked by a stamp; anything short of it is redone, so an interrupted run
-# is repaired by the next one.  The second call only checks the stamp.
+# is repaired by the next one; concurrent callers wait on a lock.  The second
+# call only checks the stamp.  Failures exit non-zero with the reason on
+# stderr; progress goes to stderr only while downloading.
 # Environment:
 #   VALMETRA_WINE32_EMULATE=1  use qemu-i386 even where i386 runs natively
 #                              (also a launch-time switch for the launchers)
