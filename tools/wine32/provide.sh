@@ -126,6 +126,9 @@ rm -rf "$root.new"
 mkdir -p "$root.new"
 for d in "$apt"/debs/*.deb; do dpkg-deb -x "$d" "$root.new"; done
 r=$root.new
+# Only qemu-i386 is needed of qemu-user's emulators (they are ~360 MB).
+find "$r/usr/bin" -name 'qemu-*' ! -name qemu-i386 -exec rm -f {} +
+rm -rf "$r/usr/share/doc" "$r/usr/share/man"
 [ -x "$r/usr/lib/wine/wine" ] || die "wine32 package has no /usr/lib/wine/wine"
 
 # 64-bit half beside the 32-bit one: unix side mirrored with ntdll.so a real
@@ -220,6 +223,6 @@ fi
 "$root/usr/bin/qemu-i386" -L "$root" "$root/lib/i386-linux-gnu/libc.so.6" 2>/dev/null |
     grep -q 'GNU C Library' || [ -f "$root/native" ] ||
     die "i386 programs run neither natively nor under qemu-i386"
-rm -f "$cache"/ready-*
+rm -f "$cache"/ready-* "$apt"/debs/*.deb
 : > "$stamp"
 echo "$cache/bin"
