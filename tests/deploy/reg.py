@@ -83,7 +83,9 @@ def record(arch, hive, folder, before, after):
     folder = folder.rstrip("\\")
     fix = lambda x: re.sub(re.escape(folder), "<DIR>", x.rstrip("\\") if "\\HELPDIR |" in x else x, flags=re.I)
     want = {fix(x) for x in genmsi.record_lines(ROOT, arch, folder, hive)}
-    got = {fix(x) for x in b - a if not re.fullmatch(r"K \w+\\SOFTWARE\\CLASSES(\\(CLSID|INTERFACE|TYPELIB))?", x)}
+    # Beside the record: the containers, and an installed package's entry under Uninstall.
+    got = {fix(x) for x in b - a if not re.match(r"K \w+\\SOFTWARE\\CLASSES(\\(CLSID|INTERFACE|TYPELIB))?$|"
+                                                 r". HKLM\\SOFTWARE\\MICROSOFT\\WINDOWS\\CURRENTVERSION\\UNINSTALL\\\{", x)}
     bad = show("missing", want - got) | show("unexpected", got - want) | show("removed or changed", a - b)
     print(f"    {len(want)} keys and values of the record compared")
     return bad

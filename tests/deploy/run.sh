@@ -79,9 +79,9 @@ prefix() {  # a fresh copy of this arch's booted template
 
 static() {
   expect "manifest and package against the catalogue and the DLLs" $REG static $ARCH "$STAGE"
-  local dump; dump=$(${TRIPLE}-objdump -p "$STAGE/$ARCH/valmetra-register.exe")
-  expect "valmetra-register.exe is $MAGIC and imports system DLLs only" bash -c "grep -q 'Magic.*($MAGIC)' <<<\"\$1\" &&
-    ! grep 'DLL Name' <<<\"\$1\" | grep -viE ' (kernel32|msvcrt|ole32|oleaut32|advapi32|user32|ntdll|ucrtbase)\.dll'" _ "$dump"
+  ${TRIPLE}-objdump -p "$STAGE/$ARCH/valmetra-register.exe" >"$W/dump"
+  expect "valmetra-register.exe is $MAGIC and imports system DLLs only" bash -c "grep -q 'Magic.*($MAGIC)' '$W/dump' &&
+    ! grep 'DLL Name' '$W/dump' | grep -viE ' (kernel32|msvcrt|ole32|oleaut32|advapi32|user32|ntdll|ucrtbase)\.dll'"
 }
 
 paths() {
