@@ -49,14 +49,18 @@ snap() {
   wine reg export 'HKCU\Software\Classes' "$(wz "$W/$1/cu.reg")" /y "$VIEW" >/dev/null 2>&1 ||
     echo "Windows Registry Editor Version 5.00" >"$W/$1/cu.reg"  # a fresh profile has none
 }
+# example <name>: the shipped C++ example (examples/cpp) from the registration-free folder ends "<name>: ok".
+example() { expect "examples/cpp $1.exe" bash -c 'wine "$1" 2>&1 | tr -d "\r" | tee /dev/stderr | grep -q ": ok$"' _ "$A\\$1.exe"; }
 files() { (cd "$WINEPREFIX/drive_c" && find . -path ./windows/temp -prune -o -path './users/*/Temp' -prune -o -print | grep -v '^./windows/Installer' | sort); }
 
 stage() {
   rm -rf "$STAGE" && mkdir -p "$STAGE"
   for a in x64 x86; do
     mkdir -p "$STAGE/$a" "$B/dep-tools/$a" || return 1
-    cp "$B/win-$a/src/hosting/Valmetra-445.Dll" "$B/win-$a/components/valuestack/ValueStack.dll" "$STAGE/$a/" || return 1
+    cp "$B/win-$a/src/hosting/Valmetra-445.Dll" "$B/win-$a/components/valuestack/ValueStack.dll" "$B/win-$a/gen/valmetra.h" \
+      "$STAGE/$a/" || return 1
   done
+  "$ROOT/examples/cpp/build.sh" all "$STAGE" "$B/dep-examples" >/dev/null || return 1
   "$ROOT/tools/dist-extra.sh" "$STAGE" >/dev/null || return 1
   $REG classes >"$STAGE/classes.txt" && $REG vbs >"$STAGE/use.vbs" || return 1
   for a in x64 x86; do
@@ -74,7 +78,7 @@ prefix() {  # a fresh copy of this arch's booted template
       wine --version >"$t/.wine-version" || return 1
   fi
   export WINEPREFIX=$B/wine-dep-$ARCH
-  wineserver -k 2>/dev/null; rm -rf "$WINEPREFIX" && cp -a "$t" "$WINEPREFIX"
+  wineserver -k 2>/dev/null; rm -rf "$WINEPREFIX" && cp -a "$t" "$WINEPREFIX" && wineserver -p  # one server for the whole run
 }
 
 static() {
@@ -82,6 +86,8 @@ static() {
   ${TRIPLE}-objdump -p "$STAGE/$ARCH/valmetra-register.exe" >"$W/dump"
   expect "valmetra-register.exe is $MAGIC and imports system DLLs only" bash -c "grep -q 'Magic.*($MAGIC)' '$W/dump' &&
     ! grep 'DLL Name' '$W/dump' | grep -viE ' (kernel32|msvcrt|ole32|oleaut32|advapi32|user32|ntdll|ucrtbase)\.dll'"
+  [ $ARCH = x64 ] && rm -rf "$W/pages" && expect "docs/classes is what tools/gendocs.py writes from the catalogue" \
+    bash -c "python3 '$ROOT/tools/gendocs.py' --source '$ROOT' --out '$W/pages' && diff -r '$W/pages' '$ROOT/docs/classes'"
 }
 
 paths() {
@@ -96,9 +102,11 @@ paths() {
   A='C:\Reg Free App'; mkdir -p "$(unix "$A")"
   cp "$STAGE/$ARCH"/{Valmetra-445.Dll,ValueStack.dll,KARVO.Valmetra.manifest} "$B/dep-tools/$ARCH/deploy_client.exe" "$(unix "$A")/"
   cp "$B/dep-tools/$ARCH/deploy_client.exe" "$(unix "$A")/actctx_client.exe"
+  cp "$B/dep-examples/$ARCH"/*.exe "$(unix "$A")/"
   python3 "$ROOT/tools/genmanifest.py" --source "$ROOT" --arch $ARCH --app "$(unix "$A")/deploy_client.exe.manifest"
   client "registration-free: application manifest, every class and type library" "$A\\deploy_client.exe" com "$LIST"
   client "registration-free: nothing before CreateActCtx, every class after" "$A\\actctx_client.exe" actctx "$A\\KARVO.Valmetra.manifest" "$LIST"
+  example registration_free
   snap 1
   expect "registration-free use writes no key" $REG same "$W/0/lm.reg" "$W/1/lm.reg"
 
@@ -114,6 +122,7 @@ paths() {
     expect "$how: HKLM gains exactly the registration record" $REG record $ARCH HKLM "$D" "$W/1/lm.reg" "$W/2/lm.reg"
     expect "$how: no user key" $REG same "$W/1/cu.reg" "$W/2/cu.reg"
     client "$how: every class by CLSID and ProgID, by name; type libraries" "$CLIENT" com "$LIST"
+    [ $how = regsvr32 ] && example early_bound && example late_bound
     for dll in "${DLLS[@]}"; do
       if [ $how = regsvr32 ]; then expect "regsvr32 /u $dll" wine "$REGSVR32" /s /u "$D\\$dll"
       else expect "valmetra-register /machine /unregister $dll" wine "$R" /machine /unregister /quiet "$D\\$dll"; fi
