@@ -179,7 +179,7 @@ for ARCH in x64 x86; do
   t0=$(date +%s)
   if [ $ARCH = x64 ]; then TRIPLE=x86_64-w64-mingw32 MAGIC=PE32+ VIEW=/reg:64 REGSVR32=regsvr32 CSCRIPT=cscript PF='C:\Program Files'
   else TRIPLE=i686-w64-mingw32 MAGIC=PE32 VIEW=/reg:32 REGSVR32='C:\windows\syswow64\regsvr32.exe' CSCRIPT='C:\windows\syswow64\cscript.exe' PF='C:\Program Files (x86)'; fi
-  [ -f "$STAGE/KARVO-Valmetra-$ARCH.msi" ] || continue
+  [ -f "$STAGE/KARVO-Valmetra-$ARCH.msi" ] || { fail "nothing staged"; continue; }
   static
   if [ $ARCH = x86 ]; then
     if W32BIN=$("$ROOT/tools/wine32/provide.sh"); then PATH="$W32BIN${W32BIN:+:}$PATH"
