@@ -54,7 +54,14 @@ def vbs():
 
 
 def canon(path):
-    """A `reg export` file as lines "K KEY" and "V KEY | name | type | data", key paths upper case."""
+    """A `reg export` file as lines "K KEY" and "V KEY | name | type | data", key paths upper case. A 32-bit
+    view's export X.reg comes with X.64.reg, the 64-bit view, for the keys both views share (ProgIDs)."""
+    shared = path[:-4] + ".64.reg"
+    lines = {x for x in canon_one(shared) if "\\WOW6432NODE" not in x} if os.path.exists(shared) else set()
+    return lines | canon_one(path)
+
+
+def canon_one(path):
     raw = open(path, "rb").read()
     text = raw[2:].decode("utf-16-le") if raw.startswith(b"\xff\xfe") else raw.decode("utf-8-sig")
     lines, key = set(), None

@@ -46,6 +46,7 @@ client() {
 snap() {
   mkdir -p "$W/$1"
   wine reg export 'HKLM\Software' "$(wz "$W/$1/lm.reg")" /y "$VIEW" >/dev/null 2>&1 || echo >"$W/$1/lm.reg"
+  [ $ARCH = x86 ] && wine reg export 'HKLM\Software' "$(wz "$W/$1/lm.64.reg")" /y /reg:64 >/dev/null 2>&1
   wine reg export 'HKCU\Software\Classes' "$(wz "$W/$1/cu.reg")" /y "$VIEW" >/dev/null 2>&1 ||
     echo "Windows Registry Editor Version 5.00" >"$W/$1/cu.reg"  # a fresh profile has none
 }
