@@ -69,78 +69,7 @@ TEST_F(Dispatch, UnknownNamesAndParameterNames) {
 
 // ------------------------------------------------------------ by name and by slot
 
-TEST_F(Dispatch, AddByNameAndThroughSlotOneReachTheSameOperation) {
-  ComPtr<_IntegerData> object = create_as<_IntegerData>(L"IntegerData");
-  ASSERT_TRUE(object);
-  ASSERT_EQ(object->put_Value(5), S_OK);
-
-  // Slot 1 of _IntegerData: the first entry after the 7 IDispatch slots.
-  using AddFn = HRESULT(STDMETHODCALLTYPE*)(_IntegerData*, SHORT*);
-  void** vtable = *reinterpret_cast<void***>(object.get());
-  SHORT seven = 7;
-  ASSERT_EQ(reinterpret_cast<AddFn>(vtable[7])(object.get(), &seven), S_OK);
-  SHORT value = 0;
-  ASSERT_EQ(object->get_Value(&value), S_OK);
-  EXPECT_EQ(value, 12);
-
-  Call c;
-  call(c, object.get(), L"Add", {v_i2(30)});
-  ASSERT_EQ(c.hr, S_OK);
-  EXPECT_EQ(c.result->vt, VT_EMPTY);
-  ASSERT_EQ(object->get_Value(&value), S_OK);
-  EXPECT_EQ(value, 42);
-  // And the overflow of either path is the same failure.
-  ASSERT_EQ(object->put_Value(32767), S_OK);
-  SHORT one = 1;
-  EXPECT_EQ(reinterpret_cast<AddFn>(vtable[7])(object.get(), &one), static_cast<HRESULT>(0x800A0006));
-  Call fail;
-  call(fail, object.get(), L"Add", {v_i2(1)});
-  EXPECT_EQ(fail.hr, DISP_E_EXCEPTION);
-  EXPECT_EQ(fail.exception.scode, static_cast<SCODE>(0x800A0006));
-}
-
 // ------------------------------------------------------------ arguments
-
-// Add to Value 10 with the argument in every form a host may pass.
-TEST_F(Dispatch, ArgumentsAreTakenOrConvertedLikeAutomationDoes) {
-  ComPtr<IDispatch> object = create(L"IntegerData");
-  short i2 = 3;
-  VARIANT inner_i2 = v_i2(4);
-  VARIANT inner_text = v_text(L"6");
-  long i4 = 9;
-  struct Row {
-    const char* what;
-    VARIANT arg;
-    double expected;
-  };
-  const Row rows[] = {
-      {"VT_I2", v_i2(5), 15},
-      {"VT_I4", v_i4(-4), 6},
-      {"VT_R8 rounds half to even", v_r8(2.5), 12},
-      {"VT_R8", v_r8(-3.7), 6},
-      {"text", v_text(L"5"), 15},
-      {"text with blanks", v_text(L" 7 "), 17},
-      {"VT_BOOL true", v_bool(true), 9},
-      {"VT_BYREF|VT_I2", v_ref(&i2), 13},
-      {"VT_BYREF|VT_I4", v_ref(&i4), 19},
-      {"VT_BYREF|VT_VARIANT holding VT_I2", v_ref(&inner_i2), 14},
-      {"VT_BYREF|VT_VARIANT holding text", v_ref(&inner_text), 16},
-  };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.what);
-    ASSERT_EQ(put(object.get(), L"Value", v_i2(10)), S_OK);
-    Call c;
-    call(c, object.get(), L"Add", {r.arg});
-    EXPECT_EQ(c.hr, S_OK);
-    EXPECT_EQ(get_number(object.get(), L"Value"), r.expected);
-  }
-  // By-reference arguments of Add are read, never written.
-  EXPECT_EQ(i2, 3);
-  EXPECT_EQ(inner_i2.vt, VT_I2);
-  EXPECT_EQ(inner_i2.iVal, 4);
-  EXPECT_EQ(inner_text.vt, VT_BSTR);
-  VariantClear(&inner_text);
-}
 
 TEST_F(Dispatch, ArgumentFailuresNameTheArgument) {
   ComPtr<IDispatch> object = create(L"IntegerData");
@@ -173,47 +102,6 @@ TEST_F(Dispatch, ArgumentFailuresNameTheArgument) {
     EXPECT_EQ(get_number(object.get(), L"Value"), 10);  // the operation did not run
   }
   VariantClear(&empty_text);
-}
-
-TEST_F(Dispatch, CountsKindsAndNamedArguments) {
-  ComPtr<IDispatch> object = create(L"IntegerData");
-  const DISPID add = dispid_of(object.get(), L"Add");
-  const DISPID value = dispid_of(object.get(), L"Value");
-  const DISPID after = dispid_of(object.get(), L"ValueAfterIncrement");
-  const DISPID even = dispid_of(object.get(), L"IsEven");
-  Call c1, c2, c3, c4, c5, c6;
-  invoke(c1, object.get(), add, DISPATCH_METHOD, {});
-  EXPECT_EQ(c1.hr, DISP_E_BADPARAMCOUNT);
-  invoke(c2, object.get(), add, DISPATCH_METHOD, {v_i2(1), v_i2(2)});
-  EXPECT_EQ(c2.hr, DISP_E_BADPARAMCOUNT);
-  invoke(c3, object.get(), after, DISPATCH_PROPERTYPUT, {v_i2(1)});  // a get without a put
-  EXPECT_EQ(c3.hr, DISP_E_MEMBERNOTFOUND);
-  invoke(c4, object.get(), even, DISPATCH_PROPERTYGET, {});  // a method is no property
-  EXPECT_EQ(c4.hr, DISP_E_MEMBERNOTFOUND);
-  invoke(c5, object.get(), 0x60031234, DISPATCH_METHOD, {});
-  EXPECT_EQ(c5.hr, DISP_E_MEMBERNOTFOUND);
-  invoke(c6, object.get(), value, DISPATCH_METHOD, {v_i2(1)});  // a get takes nothing
-  EXPECT_EQ(c6.hr, DISP_E_BADPARAMCOUNT);
-
-  // A get is also reachable as a method; a put also without the named argument.
-  Call get;
-  invoke(get, object.get(), value, DISPATCH_METHOD, {});
-  EXPECT_EQ(get.hr, S_OK);
-  VARIANT arg = v_i2(21);
-  DISPPARAMS positional{&arg, nullptr, 1, 0};
-  EXPECT_EQ(object->Invoke(value, IID_NULL, 0, DISPATCH_PROPERTYPUT, &positional, nullptr, nullptr, nullptr), S_OK);
-  EXPECT_EQ(get_number(object.get(), L"Value"), 21);
-
-  // Named arguments other than the put's value are not supported.
-  DISPID named = 0;
-  DISPPARAMS by_name{&arg, &named, 1, 1};
-  EXPECT_EQ(object->Invoke(add, IID_NULL, 0, DISPATCH_METHOD, &by_name, nullptr, nullptr, nullptr),
-            DISP_E_NONAMEDARGS);
-  EXPECT_EQ(object->Invoke(value, IID_NULL, 0, DISPATCH_PROPERTYPUT, &by_name, nullptr, nullptr, nullptr),
-            DISP_E_NONAMEDARGS);
-  EXPECT_EQ(object->Invoke(add, IID_IDispatch, 0, DISPATCH_METHOD, &positional, nullptr, nullptr, nullptr),
-            DISP_E_UNKNOWNINTERFACE);
-  EXPECT_EQ(get_number(object.get(), L"Value"), 21);
 }
 
 // Swap writes the caller's variable, only when the call succeeds.
@@ -257,70 +145,7 @@ TEST_F(Dispatch, WrittenBackArgumentsReachTheCallersVariable) {
 
 // ------------------------------------------------------------ results
 
-TEST_F(Dispatch, ResultsOfEveryKind) {
-  ComPtr<IDispatch> integer = create(L"IntegerData");
-  ASSERT_EQ(put(integer.get(), L"Value", v_i2(4)), S_OK);
-  Call between;
-  call(between, integer.get(), L"IsBetween", {v_i2(1), v_i2(9)});
-  ASSERT_EQ(between.hr, S_OK);
-  EXPECT_EQ(between.result->vt, VT_BOOL);
-  EXPECT_EQ(between.result->boolVal, VARIANT_TRUE);
-
-  Call next;
-  call(next, integer.get(), L"IncrementAndGet");
-  ASSERT_EQ(next.hr, S_OK);
-  EXPECT_EQ(next.result->vt, VT_I2);
-  EXPECT_EQ(next.result->iVal, 5);
-
-  ComPtr<IDispatch> texts = create(L"TextConstants");
-  Call text;
-  call(text, texts.get(), L"cstKarvoSoftwareExit");  // a Variant result holding text
-  ASSERT_EQ(text.hr, S_OK);
-  ASSERT_EQ(text.result->vt, VT_BSTR);
-  EXPECT_EQ(text_of(text.result->bstrVal), L"KARVO  SOFTWARE  EXIT");
-  Call crlf;
-  call(crlf, texts.get(), L"CR_NL");
-  ASSERT_EQ(crlf.hr, S_OK);
-  ASSERT_EQ(crlf.result->vt, VT_BSTR);
-  EXPECT_EQ(text_of(crlf.result->bstrVal), L"\r\n");
-
-  // Without a place for the result the call still runs (and frees it).
-  DISPID id = dispid_of(texts.get(), L"CR_NL");
-  DISPPARAMS none{nullptr, nullptr, 0, 0};
-  EXPECT_EQ(texts->Invoke(id, IID_NULL, 0, DISPATCH_METHOD, &none, nullptr, nullptr, nullptr), S_OK);
-}
-
 // ------------------------------------------------------------ the value member
-
-TEST_F(Dispatch, ValueMemberWhereTheClassHasOne) {
-  ComPtr<IDispatch> object = create(L"IntegerData");
-  ASSERT_EQ(put(object.get(), L"Value", v_i2(17)), S_OK);
-  Call read;
-  invoke(read, object.get(), DISPID_VALUE, DISPATCH_PROPERTYGET, {});
-  ASSERT_EQ(read.hr, S_OK);
-  EXPECT_EQ(read.result->vt, VT_I2);
-  EXPECT_EQ(read.result->iVal, 17);
-  Call assign;
-  invoke(assign, object.get(), DISPID_VALUE, DISPATCH_PROPERTYPUT, {v_i2(-3)});
-  ASSERT_EQ(assign.hr, S_OK);
-  EXPECT_EQ(get_number(object.get(), L"Value"), -3);
-
-  // Classes without one, including those whose Default is an ordinary property.
-  for (const wchar_t* name : {L"BooleanData", L"LongPercentData", L"TextConstants", L"SingleAverage",
-                              L"InterfaceStack"}) {
-    SCOPED_TRACE(std::string(name, name + wcslen(name)));
-    ComPtr<IDispatch> other = create(name);
-    Call as_value;
-    invoke(as_value, other.get(), DISPID_VALUE, DISPATCH_PROPERTYGET | DISPATCH_METHOD, {});
-    EXPECT_EQ(as_value.hr, DISP_E_MEMBERNOTFOUND);
-    Call assigned;
-    invoke(assigned, other.get(), DISPID_VALUE, DISPATCH_PROPERTYPUT, {v_i2(1)});
-    EXPECT_EQ(assigned.hr, DISP_E_MEMBERNOTFOUND);
-  }
-  ComPtr<IDispatch> flag = create(L"BooleanData");
-  ASSERT_EQ(put(flag.get(), L"Default", v_bool(true)), S_OK);
-  EXPECT_EQ(get_number(flag.get(), L"Value"), -1);
-}
 
 // ------------------------------------------------------------ failures
 

@@ -163,55 +163,6 @@ TEST_F(ValueStackTest, TypeLibraryPositionsAreTheContract) {
   }
 }
 
-// The member table answers every member of the type library with the
-// type library's dispatch identifier and parameter count.
-TEST_F(ValueStackTest, DispatchTableMatchesTypeLibrary) {
-  ComPtr<ITypeInfo> info;
-  ASSERT_HRESULT_SUCCEEDED(stack_->GetTypeInfo(0, LOCALE_USER_DEFAULT, info.put()));
-  TYPEATTR* attr = nullptr;
-  ASSERT_HRESULT_SUCCEEDED(info->GetTypeAttr(&attr));
-  const UINT functions = attr->cFuncs;
-  info->ReleaseTypeAttr(attr);
-  int own = 0;
-  for (UINT i = 0; i < functions; ++i) {
-    FUNCDESC* f = nullptr;
-    ASSERT_HRESULT_SUCCEEDED(info->GetFuncDesc(i, &f));
-    Bstr name;
-    UINT got = 0;
-    info->GetNames(f->memid, name.put(), 1, &got);
-    const MEMBERID memid = f->memid;
-    // Dispinterface views list IUnknown's and IDispatch's members too.
-    const auto base = static_cast<unsigned long>(memid) & 0xFFFF0000ul;
-    const bool inherited = base != 0x60030000ul && base != 0x68030000ul;
-    SHORT params = f->cParams;
-    for (SHORT p = 0; p < f->cParams; ++p)
-      if (f->lprgelemdescParam[p].paramdesc.wParamFlags & PARAMFLAG_FRETVAL) --params;
-    const INVOKEKIND kind = f->invkind;
-    info->ReleaseFuncDesc(f);
-    if (inherited) continue;
-    ++own;
-    SCOPED_TRACE(std::string(name.view().begin(), name.view().end()));
-    LPOLESTR names[] = {name.get()};
-    DISPID id = DISPID_UNKNOWN;
-    ASSERT_HRESULT_SUCCEEDED(stack_->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id));
-    EXPECT_EQ(id, memid);
-    // One argument too many is refused by the table's parameter count.
-    VARIANT extra[4];
-    for (auto& v : extra) {
-      VariantInit(&v);
-      v.vt = VT_I2;
-      v.iVal = 1;
-    }
-    DISPPARAMS dp{extra, nullptr, static_cast<UINT>(params + 1), 0};
-    Variant result;
-    EXPECT_EQ(stack_->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT,
-                             kind == INVOKE_PROPERTYGET ? DISPATCH_PROPERTYGET : DISPATCH_METHOD, &dp, result.put(),
-                             nullptr, nullptr),
-              DISP_E_BADPARAMCOUNT);
-  }
-  EXPECT_EQ(own, 34);
-}
-
 // Per type: Pop and Drop on an empty history fail with 5 and error
 // information; Push then Pop gives the value back; PushAndSet records the
 // target and stores the new value; nothing is written on failure.
@@ -355,43 +306,6 @@ TEST_F(ValueStackTest, ByNameWritesBackOnlyReceivingVariables) {
   Variant value;
   EXPECT_EQ(stack_->Invoke(DISPID_VALUE, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, value.put(), nullptr, nullptr),
             DISP_E_MEMBERNOTFOUND);
-}
-
-TEST_F(ValueStackTest, ObjectsHaveIndependentHistories) {
-  ComPtr<IClassFactory> factory;
-  ASSERT_HRESULT_SUCCEEDED(get_class_object_(CLSID_ValueStack, IID_IClassFactory, factory.put_void()));
-  ComPtr<_ValueStack> other;
-  ASSERT_HRESULT_SUCCEEDED(factory->CreateInstance(nullptr, IID__ValueStack, other.put_void()));
-  short v = 5;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushInteger(&v));
-  EXPECT_EQ(other->PopInteger(&v), kEmptyHistory);
-}
-
-TEST_F(ValueStackTest, FactoryAndUnloadCount) {
-  ComPtr<IUnknown> unknown;
-  EXPECT_EQ(get_class_object_(IID__ValueStack, IID_IClassFactory, unknown.put_void()), CLASS_E_CLASSNOTAVAILABLE);
-  EXPECT_FALSE(unknown);
-
-  ComPtr<IClassFactory> factory;
-  ASSERT_HRESULT_SUCCEEDED(get_class_object_(CLSID_ValueStack, IID_IClassFactory, factory.put_void()));
-  ComPtr<IUnknown> aggregated;
-  EXPECT_EQ(factory->CreateInstance(reinterpret_cast<IUnknown*>(stack_.get()), IID_IUnknown, aggregated.put_void()),
-            CLASS_E_NOAGGREGATION);
-  ComPtr<ISupportErrorInfo> support;
-  ASSERT_HRESULT_SUCCEEDED(stack_.query(IID_ISupportErrorInfo, support));
-  EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID__ValueStack), S_OK);
-
-  EXPECT_EQ(can_unload_(), S_FALSE);  // the fixture's object and the factory
-  stack_.reset();
-  support.reset();
-  EXPECT_EQ(can_unload_(), S_FALSE);  // the factory
-  ASSERT_HRESULT_SUCCEEDED(factory->LockServer(TRUE));
-  factory.reset();
-  EXPECT_EQ(can_unload_(), S_FALSE);  // the lock
-  ASSERT_HRESULT_SUCCEEDED(get_class_object_(CLSID_ValueStack, IID_IClassFactory, factory.put_void()));
-  ASSERT_HRESULT_SUCCEEDED(factory->LockServer(FALSE));
-  factory.reset();
-  EXPECT_EQ(can_unload_(), S_OK);
 }
 
 }  // namespace
