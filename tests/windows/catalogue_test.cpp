@@ -208,23 +208,6 @@ INSTANTIATE_TEST_SUITE_P(AllClasses, ClassDescription, ::testing::Range<std::siz
                            return std::string(n, n + wcslen(n));
                          });
 
-// The widl header and the catalogue name the same identifiers.
-TEST(Catalogue, HeaderIdentifiersAreTheCatalogues) {
-  const GUID header[] = {__uuidof(_DoubleData),        __uuidof(_IntegerData),    __uuidof(_DoublePercentData),
-                         __uuidof(_LongData),          __uuidof(_SingleData),     __uuidof(_SinglePercentData),
-                         __uuidof(_LongPercentData),   __uuidof(_IntegerPercent), __uuidof(_SingleAverage),
-                         __uuidof(_InterfaceStack),    __uuidof(_IntegerAverage), __uuidof(_BooleanData),
-                         __uuidof(_TextConstants)};
-  for (std::size_t i = 0; i < kClassCount; ++i) EXPECT_TRUE(header[i] == kClasses[i].iid) << i;
-  std::set<std::wstring> distinct;
-  for (std::size_t i = 0; i < kClassCount; ++i) {
-    distinct.insert(kClasses[i].clsid_text);
-    distinct.insert(kClasses[i].iid_text);
-  }
-  distinct.insert(kLibrary.libid_text);
-  EXPECT_EQ(distinct.size(), 2 * kClassCount + 1);
-}
-
 
 // ------------------------------------------------------------ the DLL file
 

@@ -67,8 +67,6 @@ TEST_F(Dispatch, UnknownNamesAndParameterNames) {
   EXPECT_EQ(object->GetIDsOfNames(IID_IDispatch, name, 1, 0, &id), DISP_E_UNKNOWNINTERFACE);
 }
 
-// ------------------------------------------------------------ by name and by slot
-
 // ------------------------------------------------------------ arguments
 
 TEST_F(Dispatch, ArgumentFailuresNameTheArgument) {
@@ -143,40 +141,7 @@ TEST_F(Dispatch, WrittenBackArgumentsReachTheCallersVariable) {
   EXPECT_EQ(get_number(object.get(), L"Value"), 9);
 }
 
-// ------------------------------------------------------------ results
-
-// ------------------------------------------------------------ the value member
-
 // ------------------------------------------------------------ failures
-
-TEST_F(Dispatch, OperationErrorsAsExceptionInformation) {
-  ComPtr<IDispatch> object = create(L"IntegerData");
-  struct Row {
-    const wchar_t* member;
-    VARIANT arg;
-    short before;
-    SCODE scode;
-    const wchar_t* description;
-  };
-  const Row rows[] = {
-      {L"Add", v_i2(1), 32767, static_cast<SCODE>(0x800A0006), L"Overflow"},
-      {L"IDivide", v_i2(0), 5, static_cast<SCODE>(0x800A000B), L"Division by zero"},
-      {L"Subtract", v_i2(1), -32768, static_cast<SCODE>(0x800A0006), L"Overflow"},
-  };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(std::string(r.member, r.member + wcslen(r.member)));
-    ASSERT_EQ(put(object.get(), L"Value", v_i2(r.before)), S_OK);
-    Call c;
-    call(c, object.get(), r.member, {r.arg});
-    EXPECT_EQ(c.hr, DISP_E_EXCEPTION);
-    EXPECT_EQ(c.exception.scode, r.scode);
-    EXPECT_EQ(c.exception.wCode, 0);
-    EXPECT_EQ(c.source(), L"KARVO_Valmetra");
-    EXPECT_EQ(c.description(), r.description);
-    EXPECT_EQ(c.result->vt, VT_EMPTY);
-    EXPECT_EQ(get_number(object.get(), L"Value"), r.before);
-  }
-}
 
 TEST_F(Dispatch, ErrorsThroughTheVtableCarryErrorInformation) {
   ComPtr<_IntegerData> object = create_as<_IntegerData>(L"IntegerData");

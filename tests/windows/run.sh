@@ -85,7 +85,7 @@ suite() {  # suite <arch> <cscript> <regsvr32>
       pass "$arch $(basename "$exe"): $(grep -m1 '\[  PASSED  \]' <<<"$out" | tr -d '\r')"
     else
       fail "$arch $(basename "$exe") (exit $rc)"
-      tr -d '\r' <<<"$out" | grep -E '\[  FAILED  \]|Failure|Expected|Which is|Value of|Actual' | head -n 60 | sed 's/^/        /'
+      tr -d '\r' <<<"$out" | grep -E '\[  FAILED  \]|: Failure$|Expected|Which is|Value of|Actual' | head -n 60 | sed 's/^/        /'
     fi
   done
   register  # the test program's round trips may have unregistered

@@ -1,7 +1,7 @@
 // ValueStack.dll through its vtable and its IDispatch, loaded from the
 // build tree (no registration needed): the slot contract the library binds
-// to, the history semantics per type, errors with error information, the
-// dispatch table against the embedded type library, and the unload count.
+// to and the vtable's errors with error information. Calls by name, per
+// type, are tests/scripts/valuestack.vbs.
 #include <windows.h>
 #include <initguid.h>
 #include <cguid.h>
@@ -19,7 +19,6 @@ namespace {
 
 using valmetra::com::Bstr;
 using valmetra::com::ComPtr;
-using valmetra::com::Variant;
 
 using GetClassObjectFn = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
 using CanUnloadNowFn = HRESULT(STDAPICALLTYPE*)();
@@ -85,25 +84,6 @@ class ValueStackTest : public ::testing::Test {
     EXPECT_STREQ(source.get(), L"ValueStack");
     EXPECT_STREQ(text.get(), description);
     EXPECT_TRUE(IsEqualGUID(guid, IID__ValueStack));
-  }
-
-  // Calls a member by name; args in natural order.
-  HRESULT call(const wchar_t* name, WORD flags, VARIANT* args, UINT count, VARIANT* result, EXCEPINFO* ex = nullptr) {
-    DISPID id = DISPID_UNKNOWN;
-    LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
-    HRESULT hr = stack_->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id);
-    if (FAILED(hr)) return hr;
-    VARIANT reversed[4];
-    for (UINT i = 0; i < count; ++i) reversed[count - 1 - i] = args[i];
-    DISPPARAMS params{count ? reversed : nullptr, nullptr, count, 0};
-    EXCEPINFO local{};
-    hr = stack_->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, flags, &params, result, ex ? ex : &local, nullptr);
-    if (!ex) {
-      SysFreeString(local.bstrSource);
-      SysFreeString(local.bstrDescription);
-      SysFreeString(local.bstrHelpFile);
-    }
-    return hr;
   }
 
   static inline std::wstring copy_;
@@ -196,49 +176,6 @@ TEST_F(ValueStackTest, IntegerHistoryThroughTheVtable) {
   EXPECT_EQ(stack_->PeekInteger(&out), kEmptyHistory);
 }
 
-TEST_F(ValueStackTest, EachTypeHasItsOwnHistory) {
-  VARIANT_BOOL flag = VARIANT_TRUE;
-  double d = 2.5;
-  short i = -7;
-  LONG l = 100000;
-  float s = 0.5f;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushBoolean(&flag));
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushDouble(&d));
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushInteger(&i));
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushLong(&l));
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushSingle(&s));
-  LONG count = 0;
-  ASSERT_HRESULT_SUCCEEDED(stack_->get_Count(&count));
-  EXPECT_EQ(count, 5);
-  Bstr summary;
-  ASSERT_HRESULT_SUCCEEDED(stack_->get_Summary(summary.put()));
-  EXPECT_STREQ(summary.get(), L"Boolean 1, Double 1, Integer 1, Long 1, Single 1");
-
-  float s2 = 0;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PopSingle(&s2));
-  EXPECT_EQ(s2, 0.5f);
-  EXPECT_EQ(stack_->PopSingle(&s2), kEmptyHistory);
-  expect_error_info(L"The value history holds no Single");
-  LONG l2 = 0;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PopLong(&l2));
-  EXPECT_EQ(l2, 100000);
-  double d2 = 0;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PopDouble(&d2));
-  EXPECT_EQ(d2, 2.5);
-  VARIANT_BOOL f2 = 0;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PopBoolean(&f2));
-  EXPECT_EQ(f2, VARIANT_TRUE);
-  EXPECT_EQ(stack_->DropBoolean(), kEmptyHistory);
-  expect_error_info(L"The value history holds no Boolean");
-
-  VARIANT_BOOL empty = VARIANT_TRUE;
-  ASSERT_HRESULT_SUCCEEDED(stack_->get_IsEmpty(&empty));
-  EXPECT_EQ(empty, VARIANT_FALSE);  // the Integer is still there
-  ASSERT_HRESULT_SUCCEEDED(stack_->Clear());
-  ASSERT_HRESULT_SUCCEEDED(stack_->get_IsEmpty(&empty));
-  EXPECT_EQ(empty, VARIANT_TRUE);
-}
-
 TEST_F(ValueStackTest, NullPointersFailWithoutTouchingTheHistory) {
   short i = 5;
   EXPECT_EQ(stack_->PushInteger(nullptr), E_POINTER);
@@ -248,64 +185,6 @@ TEST_F(ValueStackTest, NullPointersFailWithoutTouchingTheHistory) {
   LONG count = -1;
   ASSERT_HRESULT_SUCCEEDED(stack_->get_Count(&count));
   EXPECT_EQ(count, 0);
-}
-
-// By name: the receiving variable and the target are written back, the
-// pushed variable and the set-to value are not; errors come as
-// DISP_E_EXCEPTION with the history's number and texts.
-TEST_F(ValueStackTest, ByNameWritesBackOnlyReceivingVariables) {
-  VARIANT var;
-  VariantInit(&var);
-  var.vt = VT_I4;  // another type than the history's: converted both ways
-  var.lVal = 9;
-  VARIANT arg;
-  arg.vt = VT_BYREF | VT_VARIANT;
-  arg.pvarVal = &var;
-  ASSERT_HRESULT_SUCCEEDED(call(L"pushinteger", DISPATCH_METHOD, &arg, 1, nullptr));
-  EXPECT_EQ(var.vt, VT_I4);
-  EXPECT_EQ(var.lVal, 9);
-
-  VARIANT target_var, set_var;
-  target_var.vt = VT_I2;
-  target_var.iVal = 1;
-  set_var.vt = VT_I2;
-  set_var.iVal = 4;
-  VARIANT two[2];
-  two[0].vt = VT_BYREF | VT_VARIANT;
-  two[0].pvarVal = &target_var;
-  two[1].vt = VT_BYREF | VT_VARIANT;
-  two[1].pvarVal = &set_var;
-  ASSERT_HRESULT_SUCCEEDED(call(L"PushAndSetInteger", DISPATCH_METHOD, two, 2, nullptr));
-  EXPECT_EQ(target_var.iVal, 4);
-  EXPECT_EQ(set_var.iVal, 4);
-
-  var.vt = VT_EMPTY;
-  ASSERT_HRESULT_SUCCEEDED(call(L"PopInteger", DISPATCH_METHOD, &arg, 1, nullptr));
-  EXPECT_EQ(var.vt, VT_I2);
-  EXPECT_EQ(var.iVal, 1);
-  ASSERT_HRESULT_SUCCEEDED(call(L"PopInteger", DISPATCH_METHOD, &arg, 1, nullptr));
-  EXPECT_EQ(var.iVal, 9);
-
-  EXCEPINFO ex{};
-  var.iVal = 123;
-  EXPECT_EQ(call(L"PopInteger", DISPATCH_METHOD, &arg, 1, nullptr, &ex), DISP_E_EXCEPTION);
-  EXPECT_EQ(ex.scode, kEmptyHistory);
-  EXPECT_STREQ(ex.bstrSource, L"ValueStack");
-  EXPECT_STREQ(ex.bstrDescription, L"The value history holds no Integer");
-  EXPECT_EQ(var.iVal, 123);
-  SysFreeString(ex.bstrSource);
-  SysFreeString(ex.bstrDescription);
-  SysFreeString(ex.bstrHelpFile);
-
-  Variant count;
-  ASSERT_HRESULT_SUCCEEDED(call(L"Count", DISPATCH_PROPERTYGET, nullptr, 0, count.put()));
-  EXPECT_EQ(count->vt, VT_I4);
-  EXPECT_EQ(count->lVal, 0);
-  EXPECT_EQ(call(L"NoSuchMember", DISPATCH_METHOD, nullptr, 0, nullptr), DISP_E_UNKNOWNNAME);
-  DISPPARAMS none{nullptr, nullptr, 0, 0};
-  Variant value;
-  EXPECT_EQ(stack_->Invoke(DISPID_VALUE, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, value.put(), nullptr, nullptr),
-            DISP_E_MEMBERNOTFOUND);
 }
 
 }  // namespace
