@@ -109,12 +109,14 @@ suite() {  # suite <arch> <cscript> <regsvr32>
 }
 
 summary() {  # summary <arch>: keep this arch's line and fold its counts into the totals
+  echo "== $1 took $((SECONDS - START)) s"
   SUMMARY+=("$1: $P passed, $F failed, $S skipped")
   TP=$((TP + P)) TF=$((TF + F)) TS=$((TS + S)) P=0 F=0 S=0
 }
 
 SUMMARY=()
 for arch in x64 x86; do
+  START=$SECONDS
   echo "== $arch static checks"
   for dll in $(dlls $arch); do static_check $arch "$dll"; done
   if ! command -v wine >/dev/null; then
