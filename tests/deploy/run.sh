@@ -1,152 +1,198 @@
 #!/bin/bash
-# Deployment tests: every way the library reaches a machine, under Wine, each
-# from a fresh prefix (see lib.sh: a copy of one freshly booted template).
-#
-#   static.sh    no Wine: manifests and packages for x64 and x86 against the
-#                catalogue and the built DLLs; x86 files are PE32
-#   machine.sh   regsvr32 and valmetra-register /machine: the record equals
-#                the catalogue's, classes activate, unregistration restores
-#   per_user.sh  valmetra-register /user from a folder with spaces and
-#                non-ASCII letters: HKCU record, HKLM untouched, the record
-#                followed to working objects, twice/never-registered cases,
-#                beside a machine registration
-#   regfree.sh   nothing registered: application manifest, and the
-#                activation-context API, create every class
-#   msi.sh       wixl package: install, same keys as regsvr32, VBScript use,
-#                uninstall leaves no key and no file
-#   examples.sh  examples/cpp built with mingw and run against a registration
-#
-# Inputs are staged first into build/dep-stage (what `make dist` ships, made
-# with tools/dist-extra.sh from the x64 and x86 builds); the test programs go
-# to build/dep-tools. The x86 files are checked statically only when no
-# 32-bit Wine is installed (loud SKIP).
-#
-# Environment: VALMETRA_DEPLOY_ONLY="per_user msi" runs a subset;
-# VALMETRA_DEPLOY_BUILD=<dir> takes the x64 DLLs from that build directory.
-# Ends with "N passed, N failed, N skipped"; exits 1 on any failure.
+# Deployment tests, x64 then x86, each arch in one prefix copied from a booted
+# template (build/wine-dep-template-<arch>, booted once per Wine version):
+#   static    manifest, package and register tool against the catalogue and the DLLs
+#   regfree   nothing registered: an application manifest, and the activation-context API
+#   machine   regsvr32 and valmetra-register /machine: HKLM gains exactly the record;
+#             every class activates; unregistration gives the registry back
+#   per-user  valmetra-register /user from a folder with spaces and non-ASCII letters:
+#             HKCU gains exactly the record, HKLM nothing; the record followed by hand
+#             (Wine activates from HKLM only); unregistration gives HKCU back
+#   msi       install (the record, the files), VBScript and C++ hosts, uninstall
+#             leaves no key and no file
+# x86 runs under the 32-bit Wine that tools/wine32/provide.sh makes available
+# (VALMETRA_SKIP_X86=1 turns its absence into a skip). Prints per-arch counts,
+# then "N passed, N failed, N skipped"; exits 1 on a failure.
 set -uo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
-source "$HERE/lib.sh"
+ROOT=$(cd "$HERE/../.." && pwd)
+B=$ROOT/build
+STAGE=$B/dep-stage
+W=$B/dep-work
+export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" PYTHONDONTWRITEBYTECODE=1
+# Wine converts command lines with the locale's character set: UTF-8 keeps non-ASCII paths intact.
+export LC_ALL=C.UTF-8
+REG="python3 $HERE/reg.py"
+DLLS=(Valmetra-445.Dll ValueStack.dll)
+declare -A P=() F=() S=()
 
-TESTS=${VALMETRA_DEPLOY_ONLY:-static machine per_user regfree msi examples}
+pass() { P[$ARCH]=$((${P[$ARCH]:-0} + 1)); echo "  ok    $ARCH: $*"; }
+fail() { F[$ARCH]=$((${F[$ARCH]:-0} + 1)); echo "  FAIL  $ARCH: $*"; }
+skip() { S[$ARCH]=$((${S[$ARCH]:-0} + 1)); echo "  SKIP  $ARCH: $*"; }
+expect() { local what=$1; shift; if "$@" >"$W/out" 2>&1; then pass "$what"; else sed 's/^/        /' "$W/out" | head -n 30; fail "$what"; fi; }
+wz() { echo "Z:${1//\//\\}"; }  # a Unix path as Wine programs see it
+unix() { local p=${1#C:}; echo "$WINEPREFIX/drive_c${p//\\//}"; }
 
-# --- locating and staging ---------------------------------------------------------
-
-find_output() {  # find_output <dir> <file name>: first match, skipping CMake scratch dirs
-  [ -d "$1" ] || return 0
-  find "$1" -path '*/CMakeFiles' -prune -o -type f -iname "$2" -print 2>/dev/null | sort | head -n 1
+# client <what> <exe> <args...>: deploy_client's own checks as one; its failures shown.
+client() {
+  local what=$1 out; shift
+  out=$(wine "$@" 2>&1 | tr -d '\r')
+  grep 'FAIL' <<<"$out" | head -n 20
+  if grep -q '^[0-9]* passed, 0 failed$' <<<"$out"; then pass "$what ($(tail -n 1 <<<"$out" | cut -d' ' -f1) checks)"
+  else fail "$what: $(tail -n 1 <<<"$out")"; fi
 }
 
-# The build directory holding an architecture's DLLs.
-build_dir_of() {
-  local arch=$1 d
-  if [ "$arch" = x64 ] && [ -n "${VALMETRA_DEPLOY_BUILD:-}" ]; then echo "$VALMETRA_DEPLOY_BUILD"; return; fi
-  for d in "$DEP_BUILD/win-$arch" "$DEP_BUILD/dep-$arch"; do
-    if [ -n "$(find_output "$d" Valmetra-445.Dll)" ] && [ -n "$(find_output "$d" ValueStack.dll)" ]; then
-      echo "$d"; return
-    fi
-  done
+# snap <n>: the registry view of this arch's programs: HKLM\Software and the user's classes.
+snap() {
+  mkdir -p "$W/$1"
+  wine reg export 'HKLM\Software' "$(wz "$W/$1/lm.reg")" /y "$VIEW" >/dev/null 2>&1 || echo >"$W/$1/lm.reg"
+  [ $ARCH = x86 ] && wine reg export 'HKLM\Software' "$(wz "$W/$1/lm.64.reg")" /y /reg:64 >/dev/null 2>&1
+  wine reg export 'HKCU\Software\Classes' "$(wz "$W/$1/cu.reg")" /y "$VIEW" >/dev/null 2>&1 ||
+    echo "Windows Registry Editor Version 5.00" >"$W/$1/cu.reg"  # a fresh profile has none
 }
-
-TRIPLE_x64=x86_64-w64-mingw32
-TRIPLE_x86=i686-w64-mingw32
-CXXFLAGS_W=(-std=c++20 -O2 -Wall -Wextra -Wpedantic -Wshadow -Werror -static -static-libgcc -static-libstdc++)
-
-# compile <arch> <output> <sources...> -- <libs...>: only when a source is newer.
-compile() {
-  local arch=$1 out=$2; shift 2
-  local srcs=() libs=() seen=0 s triple
-  for s in "$@"; do
-    if [ "$s" = -- ]; then seen=1; elif [ $seen = 0 ]; then srcs+=("$s"); else libs+=("$s"); fi
-  done
-  local stale=0
-  [ -f "$out" ] || stale=1
-  for s in "${srcs[@]}"; do [ "$s" -nt "$out" ] && stale=1; done
-  [ $stale = 0 ] && return 0
-  triple=TRIPLE_$arch
-  mkdir -p "$(dirname "$out")"
-  "${!triple}-g++-posix" "${CXXFLAGS_W[@]}" -o "$out" "${srcs[@]}" "${libs[@]}"
-}
+# example <name>: the shipped C++ example (examples/cpp) from the registration-free folder ends "<name>: ok".
+example() { expect "examples/cpp $1.exe" bash -c 'wine "$1" 2>&1 | tr -d "\r" | tee /dev/stderr | grep -q ": ok$"' _ "$A\\$1.exe"; }
+files() { (cd "$WINEPREFIX/drive_c" && find . -path ./windows/temp -prune -o -path './users/*/Temp' -prune -o -print | grep -v '^./windows/Installer' | sort); }
 
 stage() {
-  local arch build tool triple
-  rm -rf "$DEP_STAGE"
-  mkdir -p "$DEP_STAGE"
-  for arch in x64 x86; do
-    build=$(build_dir_of "$arch")
-    if [ -z "$build" ]; then
-      echo "deploy: no $arch build with both DLLs (build the win-$arch preset first)" >&2
-      return 1
-    fi
-    mkdir -p "$DEP_STAGE/$arch"
-    cp "$(find_output "$build" Valmetra-445.Dll)" "$DEP_STAGE/$arch/Valmetra-445.Dll"
-    cp "$(find_output "$build" ValueStack.dll)" "$DEP_STAGE/$arch/ValueStack.dll"
-    cp "$(find_output "$build" valmetra.h)" "$DEP_STAGE/$arch/valmetra.h"
-    tool=$(find_output "$build" valmetra-register.exe)
-    if [ -z "$tool" ]; then
-      # Until the preset builds it: the same sources, compiled directly.
-      tool=$DEP_TOOLS/$arch/valmetra-register.exe
-      compile "$arch" "$tool" "$DEP_ROOT"/tools/valmetra-register/*.cpp -- \
-        -municode -DUNICODE -D_UNICODE -DWIN32_LEAN_AND_MEAN -lole32 -loleaut32 -ladvapi32 -luuid || return 1
-    fi
-    cp "$tool" "$DEP_STAGE/$arch/valmetra-register.exe"
-    echo "  ..    $arch: DLLs from ${build#"$DEP_ROOT"/}"
+  rm -rf "$STAGE" && mkdir -p "$STAGE"
+  for a in x64 x86; do
+    mkdir -p "$STAGE/$a" "$B/dep-tools/$a" || return 1
+    cp "$B/win-$a/src/hosting/Valmetra-445.Dll" "$B/win-$a/components/valuestack/ValueStack.dll" "$B/win-$a/gen/valmetra.h" \
+      "$STAGE/$a/" || return 1
   done
-  "$DEP_ROOT/tools/dist-extra.sh" "$DEP_STAGE" >/dev/null || return 1
-  python3 "$HERE/classes.py" --source "$DEP_ROOT" >"$DEP_STAGE/classes.txt" || return 1
-  compile x64 "$DEP_TOOLS/x64/deploy_client.exe" "$HERE/deploy_client.cpp" -- -lole32 -loleaut32 -ladvapi32 -luuid &&
-    build_fixture
+  "$ROOT/examples/cpp/build.sh" all "$STAGE" "$B/dep-examples" >/dev/null || return 1
+  "$ROOT/tools/dist-extra.sh" "$STAGE" >/dev/null || return 1
+  $REG classes >"$STAGE/classes.txt" && $REG vbs >"$STAGE/use.vbs" || return 1
+  for a in x64 x86; do
+    t=$([ $a = x64 ] && echo x86_64 || echo i686)
+    exe=$B/dep-tools/$a/deploy_client.exe
+    [ "$exe" -nt "$HERE/deploy_client.cpp" ] || $t-w64-mingw32-g++-posix -std=c++20 -O2 -Wall -Wextra -Werror -static \
+      -o "$exe" "$HERE/deploy_client.cpp" -lole32 -loleaut32 -ladvapi32 -luuid || return 1
+  done
 }
 
-# typelib_fixture.dll: a component that registers through RegisterTypeLib.
-build_fixture() {
-  local out=$DEP_TOOLS/x64/typelib_fixture.dll dir=$DEP_TOOLS/x64 s
-  local stale=0
-  [ -f "$out" ] || stale=1
-  for s in "$HERE"/typelib_fixture.*; do [ "$s" -nt "$out" ] && stale=1; done
-  [ $stale = 0 ] && return 0
-  x86_64-w64-mingw32-widl --win64 -I/usr/include/wine/wine/windows -L/usr/lib/x86_64-linux-gnu/wine/x86_64-windows \
-    -t -o "$dir/typelib_fixture.tlb" "$HERE/typelib_fixture.idl" &&
-    x86_64-w64-mingw32-windres --include-dir "$dir" "$HERE/typelib_fixture.rc" -O coff -o "$dir/typelib_fixture.res" &&
-    x86_64-w64-mingw32-g++-posix "${CXXFLAGS_W[@]}" -shared -o "$out" "$HERE/typelib_fixture.cpp" \
-      "$dir/typelib_fixture.res" -loleaut32 -lole32
-}
-
-# --- running ----------------------------------------------------------------------
-
-TOTAL_PASSED=0
-TOTAL_FAILED=0
-TOTAL_SKIPPED=0
-FAILED_TESTS=()
-
-echo "== deployment: staging"
-if ! stage; then
-  echo "deploy: staging failed"
-  echo "0 passed, 1 failed, 0 skipped"
-  exit 1
-fi
-
-for t in $TESTS; do
-  echo "== deployment: $t"
-  start=$(date +%s)
-  mkdir -p "$DEP_BUILD/dep-logs"
-  bash "$HERE/$t.sh" 2>&1 | tee "$DEP_BUILD/dep-logs/$t.log" | grep -av '^TALLY '
-  out=$(grep -a '^TALLY ' "$DEP_BUILD/dep-logs/$t.log" | tail -n 1)
-  if [ -z "$out" ]; then
-    echo "  FAIL  $t.sh ended without a tally"
-    TOTAL_FAILED=$((TOTAL_FAILED + 1))
-    FAILED_TESTS+=("$t")
-    continue
+prefix() {  # a fresh copy of this arch's booted template
+  local t=$B/wine-dep-template-$ARCH
+  if [ "$(cat "$t/.wine-version" 2>/dev/null)" != "$(wine --version)" ]; then
+    rm -rf "$t" && WINEPREFIX=$t wineboot -i >/dev/null 2>&1 && WINEPREFIX=$t wineserver -w &&
+      wine --version >"$t/.wine-version" || return 1
   fi
-  read -r _ p f s <<<"$out"
-  TOTAL_PASSED=$((TOTAL_PASSED + p))
-  TOTAL_FAILED=$((TOTAL_FAILED + f))
-  TOTAL_SKIPPED=$((TOTAL_SKIPPED + s))
-  [ "$f" -gt 0 ] && FAILED_TESTS+=("$t")
-  echo "   ($t: $p passed, $f failed, $s skipped, $(( $(date +%s) - start )) s)"
-done
+  export WINEPREFIX=$B/wine-dep-$ARCH
+  wineserver -k 2>/dev/null; rm -rf "$WINEPREFIX" && cp -a "$t" "$WINEPREFIX" && wineserver -p  # one server for the whole run
+}
 
-[ ${#FAILED_TESTS[@]} -gt 0 ] && echo "deployment tests with failures: ${FAILED_TESTS[*]}"
-echo "deployment: $TOTAL_PASSED passed, $TOTAL_FAILED failed, $TOTAL_SKIPPED skipped"
-echo "$TOTAL_PASSED passed, $TOTAL_FAILED failed, $TOTAL_SKIPPED skipped"
-[ "$TOTAL_FAILED" -eq 0 ]
+static() {
+  expect "manifest and package against the catalogue and the DLLs" $REG static $ARCH "$STAGE"
+  ${TRIPLE}-objdump -p "$STAGE/$ARCH/valmetra-register.exe" >"$W/dump"
+  expect "valmetra-register.exe is $MAGIC and imports system DLLs only" bash -c "grep -q 'Magic.*($MAGIC)' '$W/dump' &&
+    ! grep 'DLL Name' '$W/dump' | grep -viE ' (kernel32|msvcrt|ole32|oleaut32|advapi32|user32|ntdll|ucrtbase)\.dll'"
+  [ $ARCH = x64 ] && rm -rf "$W/pages" && expect "docs/classes is what tools/gendocs.py writes from the catalogue" \
+    bash -c "python3 '$ROOT/tools/gendocs.py' --source '$ROOT' --out '$W/pages' && diff -r '$W/pages' '$ROOT/docs/classes'"
+}
+
+paths() {
+  local LIST CLIENT D R A M; LIST=$(wz "$STAGE/classes.txt"); CLIENT=$(wz "$B/dep-tools/$ARCH/deploy_client.exe")
+  rm -rf "$W" && mkdir -p "$W"
+  echo 'WScript.Echo 1' >"$W/warm.vbs"
+  wine "$CSCRIPT" //nologo "$(wz "$W/warm.vbs")" >/dev/null 2>&1  # the script host registers itself once
+  snap 0
+  files >"$W/files0"
+
+  # Registration-free: the assembly beside an application with a manifest, and beside one without.
+  A='C:\Reg Free App'; mkdir -p "$(unix "$A")"
+  cp "$STAGE/$ARCH"/{Valmetra-445.Dll,ValueStack.dll,KARVO.Valmetra.manifest} "$B/dep-tools/$ARCH/deploy_client.exe" "$(unix "$A")/"
+  cp "$B/dep-tools/$ARCH/deploy_client.exe" "$(unix "$A")/actctx_client.exe"
+  cp "$B/dep-examples/$ARCH"/*.exe "$(unix "$A")/"
+  python3 "$ROOT/tools/genmanifest.py" --source "$ROOT" --arch $ARCH --app "$(unix "$A")/deploy_client.exe.manifest"
+  client "registration-free: application manifest, every class and type library" "$A\\deploy_client.exe" com "$LIST"
+  client "registration-free: nothing before CreateActCtx, every class after" "$A\\actctx_client.exe" actctx "$A\\KARVO.Valmetra.manifest" "$LIST"
+  example registration_free
+  snap 1
+  expect "registration-free use writes no machine key" $REG same "$W/0/lm.reg" "$W/1/lm.reg"
+  expect "registration-free use writes no user key" $REG same "$W/0/cu.reg" "$W/1/cu.reg"
+
+  # Machine: regsvr32, then valmetra-register /machine, each undone.
+  D='C:\Valmetra Machine'; mkdir -p "$(unix "$D")"; cp "$STAGE/$ARCH"/{*.dll,*.Dll,valmetra-register.exe} "$(unix "$D")/"
+  R="$D\\valmetra-register.exe"
+  for how in regsvr32 register; do
+    for dll in "${DLLS[@]}"; do
+      if [ $how = regsvr32 ]; then expect "regsvr32 $dll" wine "$REGSVR32" /s "$D\\$dll"
+      else expect "valmetra-register /machine $dll" wine "$R" /machine /quiet "$D\\$dll"; fi
+    done
+    snap 2
+    expect "$how: HKLM gains exactly the registration record" $REG record $ARCH HKLM "$D" "$W/1/lm.reg" "$W/2/lm.reg"
+    expect "$how: no user key" $REG same "$W/1/cu.reg" "$W/2/cu.reg"
+    client "$how: every class by CLSID and ProgID, by name; type libraries" "$CLIENT" com "$LIST"
+    [ $how = regsvr32 ] && example early_bound && example late_bound
+    for dll in "${DLLS[@]}"; do
+      if [ $how = regsvr32 ]; then expect "regsvr32 /u $dll" wine "$REGSVR32" /s /u "$D\\$dll"
+      else expect "valmetra-register /machine /unregister $dll" wine "$R" /machine /unregister /quiet "$D\\$dll"; fi
+    done
+    snap 3
+    expect "$how: unregistration gives HKLM back" $REG same "$W/1/lm.reg" "$W/3/lm.reg"
+  done
+  client "after unregistration no class resolves" "$CLIENT" none "$LIST"
+
+  # Per-user, from a folder with spaces and non-ASCII letters.
+  M='C:\users\Public\Valmetra Tëst Ωmega'; mkdir -p "$(unix "$M")"; cp "$(unix "$D")"/* "$(unix "$M")/"; R="$M\\valmetra-register.exe"
+  while IFS='|' read -r what code args; do
+    eval "wine \"\$R\" $args" >/dev/null 2>&1
+    expect "valmetra-register $what: exit $code" [ $? = "$code" ]
+  done <<'CASES'
+with a DLL that does not exist|126|/user 'C:\nowhere\none.dll'
+with /user and /machine|87|/user /machine 'C:\x.dll'
+CASES
+  for n in 1 2; do
+    for dll in "${DLLS[@]}"; do expect "valmetra-register /user $dll ($n)" wine "$R" /user /quiet "$M\\$dll"; done
+    snap 4
+    expect "/user ($n): HKCU gains exactly the registration record" $REG record $ARCH HKCU "$M" "$W/1/cu.reg" "$W/4/cu.reg"
+    expect "/user ($n): HKLM untouched" $REG same "$W/1/lm.reg" "$W/4/lm.reg"
+  done
+  client "/user: the HKCU record followed to working objects and type libraries" "$CLIENT" follow "$LIST"
+  for dll in "${DLLS[@]}"; do expect "valmetra-register /user /unregister $dll" wine "$R" /user /unregister /quiet "$M\\$dll"; done
+  snap 5
+  expect "/user /unregister gives HKCU back" $REG same "$W/1/cu.reg" "$W/5/cu.reg"
+  expect "/user /unregister leaves HKLM" $REG same "$W/1/lm.reg" "$W/5/lm.reg"
+
+  # The package.
+  local msi T; msi=$(wz "$STAGE/KARVO-Valmetra-$ARCH.msi"); T="$PF\\KARVO\\Valmetra"
+  rm -rf "$(unix "$A")" "$(unix "$D")" "$(unix "$M")"
+  expect "msiexec /i" wine msiexec /i "$msi" /qn
+  snap 6
+  expect "msi: HKLM gains exactly the registration record" $REG record $ARCH HKLM "$T" "$W/5/lm.reg" "$W/6/lm.reg"
+  expect "msi: the DLLs installed" bash -c 'cmp "$1/Valmetra-445.Dll" "$2/Valmetra-445.Dll" && cmp "$1/ValueStack.dll" "$2/ValueStack.dll"' \
+    _ "$(unix "$T")" "$STAGE/$ARCH"
+  expect "msi: every class from VBScript" bash -c 'wine "$1" //nologo "$2" | tr -d "\r" | tee /dev/stderr | grep -qx PASS' _ "$CSCRIPT" "$(wz "$STAGE/use.vbs")"
+  client "msi: every class from C++" "$CLIENT" com "$LIST"
+  expect "msiexec /x" wine msiexec /x "$msi" /qn
+  snap 7
+  expect "uninstall leaves no key" $REG same "$W/0/lm.reg" "$W/7/lm.reg"
+  expect "... and no user key" $REG same "$W/0/cu.reg" "$W/7/cu.reg"
+  files >"$W/files7"
+  expect "... and no file" diff "$W/files0" "$W/files7"
+}
+
+echo "== deployment"
+mkdir -p "$W"
+start=$(date +%s)
+ARCH=x64
+stage || { fail "staging (build the win-x64 and win-x86 presets first)"; }
+for ARCH in x64 x86; do
+  t0=$(date +%s)
+  if [ $ARCH = x64 ]; then TRIPLE=x86_64-w64-mingw32 MAGIC=PE32+ VIEW=/reg:64 REGSVR32=regsvr32 CSCRIPT=cscript PF='C:\Program Files'
+  else TRIPLE=i686-w64-mingw32 MAGIC=PE32 VIEW=/reg:32 REGSVR32='C:\windows\syswow64\regsvr32.exe' CSCRIPT='C:\windows\syswow64\cscript.exe' PF='C:\Program Files (x86)'; fi
+  [ -f "$STAGE/KARVO-Valmetra-$ARCH.msi" ] || { fail "nothing staged"; continue; }
+  static
+  if [ $ARCH = x86 ]; then
+    if W32BIN=$("$ROOT/tools/wine32/provide.sh"); then PATH="$W32BIN${W32BIN:+:}$PATH"
+    elif [ "${VALMETRA_SKIP_X86:-}" = 1 ]; then skip "no 32-bit Wine (VALMETRA_SKIP_X86=1): registration, activation, package"; continue
+    else fail "no 32-bit Wine: tools/wine32/provide.sh failed"; continue; fi
+  fi
+  if prefix; then paths; wineserver -k 2>/dev/null; else fail "cannot boot a Wine prefix"; fi
+  [ "${F[$ARCH]:-0}" = 0 ] && rm -rf "$WINEPREFIX"
+  echo "   ($ARCH: $(( $(date +%s) - t0 )) s)"
+done
+for a in x64 x86; do echo "$a: ${P[$a]:-0} passed, ${F[$a]:-0} failed, ${S[$a]:-0} skipped"; done
+echo "$(( ${P[x64]:-0} + ${P[x86]:-0} )) passed, $(( ${F[x64]:-0} + ${F[x86]:-0} )) failed, $(( ${S[x64]:-0} + ${S[x86]:-0} )) skipped"
+[ $(( ${F[x64]:-0} + ${F[x86]:-0} )) = 0 ]

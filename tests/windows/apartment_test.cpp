@@ -71,30 +71,6 @@ TEST_F(Apartments, EachApartmentHasItsOwnGlobalInstance) {
   mine.reset();
 }
 
-// Script hosts bind the class moniker (GetObject("clsid:...")): the
-// platform asks the factory for IDispatch, which forwards to the global
-// instance.
-TEST_F(Apartments, ClassMonikerReachesTheGlobalInstance) {
-  const auto& c = kClasses[class_index(L"IntegerData")];
-  ComPtr<IDispatch> global = global_of(L"IntegerData");
-  ASSERT_EQ(put(global.get(), L"Value", v_i2(42)), S_OK);
-
-  const std::wstring moniker = std::wstring(L"clsid:") + std::wstring(c.clsid_text).substr(1, 36);
-  ComPtr<IDispatch> bound;
-  ASSERT_EQ(CoGetObject(moniker.c_str(), nullptr, IID_IDispatch, bound.put_void()), S_OK);
-  EXPECT_EQ(get_number(bound.get(), L"Value"), 42);
-  ASSERT_EQ(put(bound.get(), L"Value", v_i2(43)), S_OK);
-  EXPECT_EQ(get_number(global.get(), L"Value"), 43);
-  // Through the factory's IDispatch directly, including a failure.
-  ComPtr<IDispatch> factory;
-  ASSERT_EQ(library().get_class_object(c.clsid, IID_IDispatch, factory.put_void()), S_OK);
-  Call add;
-  call(add, factory.get(), L"Add", {v_i2(32767)});
-  EXPECT_EQ(add.hr, DISP_E_EXCEPTION);
-  EXPECT_EQ(add.exception.scode, static_cast<SCODE>(0x800A0006));
-  EXPECT_EQ(get_number(global.get(), L"Value"), 43);
-}
-
 // The global instances (and the apartment's history) live until the
 // apartment ends, however many references the host dropped.
 TEST_F(Apartments, GlobalInstancesEndWithTheApartment) {
@@ -189,49 +165,6 @@ TEST_F(Apartments, HistoryIsSharedByTheObjectsOfAnApartment) {
   EXPECT_EQ(late.exception.scode, static_cast<SCODE>(0x800A0005));
   EXPECT_EQ(late.source(), L"ValueStack");
   EXPECT_EQ(late.description(), L"The value history holds no Integer");
-}
-
-// DllCanUnloadNow counts objects, factories and locks, from any thread.
-TEST_F(Apartments, UnloadWaitsForObjectsFactoriesAndLocks) {
-  EXPECT_TRUE(unloadable());
-  const auto& c = kClasses[class_index(L"SingleData")];
-  {
-    ComPtr<IDispatch> object = create(L"SingleData");
-    EXPECT_FALSE(unloadable());
-  }
-  EXPECT_TRUE(unloadable());
-
-  ComPtr<IClassFactory> factory;
-  ASSERT_EQ(library().get_class_object(c.clsid, IID_IClassFactory, factory.put_void()), S_OK);
-  EXPECT_FALSE(unloadable());
-  ASSERT_EQ(factory->LockServer(TRUE), S_OK);
-  factory.reset();
-  EXPECT_FALSE(unloadable());  // the lock alone keeps the library
-  ASSERT_EQ(library().get_class_object(c.clsid, IID_IClassFactory, factory.put_void()), S_OK);
-  ASSERT_EQ(factory->LockServer(FALSE), S_OK);
-  EXPECT_EQ(factory->LockServer(FALSE), E_UNEXPECTED);  // no lock left to undo
-  EXPECT_FALSE(unloadable());                            // the factory itself
-  factory.reset();
-  EXPECT_TRUE(unloadable());
-
-  // An object alive in another apartment counts here too.
-  HANDLE created = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  HANDLE checked = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  std::thread worker([&] {
-    Apartment apartment;
-    {
-      ComPtr<IDispatch> object = create(L"LongData");
-      SetEvent(created);
-      WaitForSingleObject(checked, INFINITE);
-    }
-  });
-  WaitForSingleObject(created, INFINITE);
-  EXPECT_FALSE(unloadable());
-  SetEvent(checked);
-  worker.join();
-  EXPECT_TRUE(unloadable());
-  CloseHandle(created);
-  CloseHandle(checked);
 }
 
 }  // namespace

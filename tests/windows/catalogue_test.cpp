@@ -19,6 +19,7 @@ std::wstring name_of(ITypeInfo* info, MEMBERID id = MEMBERID_NIL) {
   return std::wstring(name.get() ? name.get() : L"");
 }
 
+
 class TypeLibrary : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(LoadTypeLibEx(library().path.c_str(), REGKIND_NONE, lib_.put()), S_OK); }
@@ -198,47 +199,6 @@ INSTANTIATE_TEST_SUITE_P(AllClasses, ClassDescription, ::testing::Range<std::siz
                            return std::string(n, n + wcslen(n));
                          });
 
-// The widl header and the catalogue name the same identifiers.
-TEST(Catalogue, HeaderIdentifiersAreTheCatalogues) {
-  const GUID header[] = {__uuidof(_DoubleData),        __uuidof(_IntegerData),    __uuidof(_DoublePercentData),
-                         __uuidof(_LongData),          __uuidof(_SingleData),     __uuidof(_SinglePercentData),
-                         __uuidof(_LongPercentData),   __uuidof(_IntegerPercent), __uuidof(_SingleAverage),
-                         __uuidof(_InterfaceStack),    __uuidof(_IntegerAverage), __uuidof(_BooleanData),
-                         __uuidof(_TextConstants)};
-  for (std::size_t i = 0; i < kClassCount; ++i) EXPECT_TRUE(header[i] == kClasses[i].iid) << i;
-  std::set<std::wstring> distinct;
-  for (std::size_t i = 0; i < kClassCount; ++i) {
-    distinct.insert(kClasses[i].clsid_text);
-    distinct.insert(kClasses[i].iid_text);
-  }
-  distinct.insert(kLibrary.libid_text);
-  EXPECT_EQ(distinct.size(), 2 * kClassCount + 1);
-}
-
-// The dispatch identifier scheme, on the examples the classes are known by.
-TEST(Catalogue, DispatchIdentifierExamples) {
-  struct Row {
-    const wchar_t* cls;
-    const wchar_t* member;
-    DISPID id;
-  };
-  const Row rows[] = {
-      {L"DoubleData", L"Value", 0x68030000},       {L"DoubleData", L"Default", 0},
-      {L"DoubleData", L"Add", 0x60030001},         {L"DoubleData", L"Zero", 0x60030015},
-      {L"InterfaceStack", L"Drop", 0x60030000},    {L"InterfaceStack", L"Snag", 0x60030004},
-      {L"BooleanData", L"Value", 0x68030000},      {L"BooleanData", L"Default", 0x68030001},
-      {L"BooleanData", L"No", 0x60030002},         {L"IntegerData", L"Default", 0},
-      {L"LongPercentData", L"Default", 0x68030000 + 3},
-      {L"SingleAverage", L"AddAPieceOfData", 0x6003000b},
-      {L"IntegerAverage", L"AddAPieceOfData", 0x6003000b},
-  };
-  for (const auto& r : rows) {
-    const auto& table = *kClasses[class_index(r.cls)].table;
-    const int i = table.find_name(r.member);
-    ASSERT_GE(i, 0);
-    EXPECT_EQ(table.members[i].dispid, r.id) << std::string(r.member, r.member + wcslen(r.member));
-  }
-}
 
 // ------------------------------------------------------------ the DLL file
 
@@ -280,22 +240,6 @@ TEST(LibraryFile, VersionRecord) {
   ASSERT_EQ(length, 4u);
   EXPECT_EQ(translation[0], 0x409);
   EXPECT_EQ(translation[1], 1200);
-}
-
-// Exactly the four entry points, read from the loaded image's export table.
-TEST(LibraryFile, ExportsExactlyTheFourEntryPoints) {
-  const auto* base = reinterpret_cast<const BYTE*>(library().module);
-  const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
-  const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
-  const auto& dir = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
-  ASSERT_NE(dir.VirtualAddress, 0u);
-  const auto* exports = reinterpret_cast<const IMAGE_EXPORT_DIRECTORY*>(base + dir.VirtualAddress);
-  const auto* names = reinterpret_cast<const DWORD*>(base + exports->AddressOfNames);
-  std::set<std::string> got;
-  for (DWORD i = 0; i < exports->NumberOfNames; ++i) got.insert(reinterpret_cast<const char*>(base + names[i]));
-  EXPECT_EQ(got, (std::set<std::string>{"DllCanUnloadNow", "DllGetClassObject", "DllRegisterServer",
-                                        "DllUnregisterServer"}));
-  EXPECT_EQ(exports->NumberOfFunctions, 4u);
 }
 
 }  // namespace

@@ -1,299 +1,139 @@
 #!/bin/bash
-# Windows tests, run after the mingw builds (make test-windows):
-#
-#  1. static checks of every built DLL, x64 and x86: PE32+/PE32, exactly the
-#     four in-process server exports, no DLL imports beyond system DLLs;
-#  2. under Wine, in a private prefix (build/wine-x64, made on first use):
-#     register both DLLs with regsvr32, run the mingw GoogleTest programs,
-#     run every tests/scripts/*.vbs and *.js through cscript, then check that
-#     unregistering removes the registration keys again;
-#  3. the same runtime tests for x86 where a 32-bit Wine is installed;
-#     otherwise a loud SKIP (the x86 DLLs are still checked statically).
-#
-# A script passes when cscript exits 0 AND it printed its "PASS <name>" line:
-# Wine's cscript exits 0 when a script dies of an uncaught runtime error, so
-# the exit code alone proves nothing. A GoogleTest program likewise must print
-# "[  PASSED  ]". Scripts may name the classes they need on a line
-# "' requires: IntegerData LongData" (VBScript) or "// requires: ..." (JScript);
-# a script whose classes have no core yet in src/hosting/catalogue/classes.txt
-# is skipped with a message.
-#
-# Environment: VALMETRA_WINE_KEEP=1 keeps the registration after the run;
-# VALMETRA_WIN_BUILD=<dir prefix> reads the builds from <prefix>x64 and
-# <prefix>x86 instead of build/win-x64 and build/win-x86;
-# VALMETRA_WINE_PREFIX=<dir> runs the x64 tests in that Wine prefix (x86 in
-# <dir>-x86) instead of build/wine-x64 and build/wine-x86.
-# Ends with the line "N passed, N failed, N skipped".
+# Windows tests after the mingw builds, x64 then x86:
+#  - static checks of every DLL: PE32+/PE32, exactly the four in-process
+#    server exports, nothing imported beyond system DLLs;
+#  - under Wine, in a private prefix per arch (build/wine-x64, build/wine-x86):
+#    registration writes every key, the GoogleTest program passes, every
+#    tests/scripts/*.vbs and *.js passes under that arch's cscript, and
+#    unregistration removes every key again.
+# x86 runs through the 32-bit Wine that tools/wine32/provide.sh makes
+# available; when it cannot, that is a failure unless VALMETRA_SKIP_X86=1.
+# Wine's cscript exits 0 when a script dies of an uncaught error, so a script
+# passes only with its own "PASS <name>" line; a test program only with
+# "[  PASSED  ]". Ends with "x64: ...", "x86: ..." and "N passed, N failed,
+# N skipped"; exit 1 on any failure.
+# VALMETRA_WIN_BUILD=<prefix> reads builds from <prefix>x64 and <prefix>x86.
 set -uo pipefail
-
 ROOT=$(cd "$(dirname "$0")/../.." && pwd)
 BUILD_PREFIX=${VALMETRA_WIN_BUILD:-$ROOT/build/win-}
-export WINEDEBUG=-all
-# No Mono/Gecko download prompts when a prefix is created.
-export WINEDLLOVERRIDES="mscoree,mshtml="
+export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+P=0 F=0 S=0 TP=0 TF=0 TS=0 FAILURES=()
+pass() { P=$((P + 1)); echo "  ok    $*"; }
+fail() { F=$((F + 1)); FAILURES+=("$*"); echo "  FAIL  $*"; }
+skip() { S=$((S + 1)); echo "  SKIP  $*"; }
+winpath() { echo "Z:${1//\//\\}"; }
 
-PASSED=0
-FAILED=0
-SKIPPED=0
-FAILURES=()
-
-pass() { PASSED=$((PASSED + 1)); echo "  ok    $*"; }
-fail() { FAILED=$((FAILED + 1)); FAILURES+=("$*"); echo "  FAIL  $*"; }
-skip() { SKIPPED=$((SKIPPED + 1)); echo "  SKIP  $*"; }
-banner() {
-  echo "################################################################"
-  for line in "$@"; do echo "## $line"; done
-  echo "################################################################"
+dlls() {  # dlls <arch>: the two DLLs of that build
+  echo "${BUILD_PREFIX}$1/src/hosting/Valmetra-445.Dll"
+  echo "${BUILD_PREFIX}$1/components/valuestack/ValueStack.dll"
 }
 
-# Windows path of a file for wine (the Z: drive maps /).
-winpath() { echo "Z:$(echo "$1" | tr '/' '\\')"; }
-
-# --- locating build outputs --------------------------------------------------
-
-DLL_NAMES=(Valmetra-445.Dll ValueStack.dll)
-
-# built_dll <arch> <name>: where the build puts that DLL (as tools/dist.sh
-# takes them); empty when it is not there.
-built_dll() {
-  local path
-  case $2 in
-    Valmetra-445.Dll) path=${BUILD_PREFIX}$1/src/hosting/Valmetra-445.Dll ;;
-    ValueStack.dll) path=${BUILD_PREFIX}$1/components/valuestack/ValueStack.dll ;;
-  esac
-  [ -f "$path" ] && echo "$path"
-  return 0
-}
-
-# --- 1. static checks ----------------------------------------------------------
-
-# System DLLs a statically linked component may import.
-SYSTEM_DLLS="kernel32.dll msvcrt.dll ole32.dll oleaut32.dll advapi32.dll user32.dll ntdll.dll
-shlwapi.dll rpcrt4.dll ucrtbase.dll"
-
-static_check() {  # static_check <arch> <objdump> <expected magic> <dll>
-  local arch=$1 objdump=$2 magic=$3 dll=$4 name dump exports imports bad=""
-  name="$arch $(basename "$dll")"
-  if ! dump=$("$objdump" -p "$dll" 2>&1); then
-    fail "$name: objdump failed: $dump"
-    return
-  fi
-  if ! grep -q "Magic.*($magic)" <<<"$dump"; then
-    fail "$name: not $magic ($(grep -m1 'Magic' <<<"$dump"))"
-    return
-  fi
-  exports=$(awk '/^\[Ordinal\/Name Pointer\] Table/ {on=1; next} on && /^\t\[/ {print $3} on && /^$/ {exit}' <<<"$dump" | sort | tr '\n' ' ')
-  if [ "$exports" != "DllCanUnloadNow DllGetClassObject DllRegisterServer DllUnregisterServer " ]; then
-    fail "$name: exports are '$exports'"
-    return
-  fi
-  imports=$(grep 'DLL Name:' <<<"$dump" | awk '{print tolower($3)}' | sort -u)
-  for dep in $imports; do
-    case " $(echo $SYSTEM_DLLS) " in *" $dep "*) continue ;; esac
-    [[ $dep == api-ms-win-* ]] && continue
-    bad="$bad $dep"
+static_check() {  # static_check <arch> <dll>
+  local objdump=x86_64-w64-mingw32-objdump magic=PE32+ dump exports dep bad=""
+  [ "$1" = x86 ] && objdump=i686-w64-mingw32-objdump magic=PE32
+  if ! dump=$("$objdump" -p "$2" 2>&1); then fail "$1 $(basename "$2"): not built or unreadable"; return; fi
+  exports=$(awk '/^\[Ordinal\/Name Pointer\] Table/ {on=1; next} on && /^\t\[/ {print $3} on && /^$/ {exit}' <<<"$dump" | sort | xargs)
+  for dep in $(awk '/DLL Name:/ {print tolower($3)}' <<<"$dump"); do
+    case $dep in kernel32.dll|msvcrt.dll|ole32.dll|oleaut32.dll|advapi32.dll|user32.dll|ntdll.dll|shlwapi.dll|rpcrt4.dll|ucrtbase.dll|api-ms-win-*) ;; *) bad="$bad $dep" ;; esac
   done
-  if [ -n "$bad" ]; then
-    fail "$name: depends on non-system DLLs:$bad"
-    return
-  fi
-  pass "$name: $magic, four exports, imports $(echo $imports)"
+  if ! grep -q "Magic.*($magic)" <<<"$dump"; then fail "$1 $(basename "$2"): not $magic"
+  elif [ "$exports" != "DllCanUnloadNow DllGetClassObject DllRegisterServer DllUnregisterServer" ]; then fail "$1 $(basename "$2"): exports '$exports'"
+  elif [ -n "$bad" ]; then fail "$1 $(basename "$2"): non-system imports$bad"
+  else pass "$1 $(basename "$2"): $magic, four exports, system imports only"; fi
 }
 
-echo "== static checks"
-for arch in x64 x86; do
-  case $arch in
-    x64) objdump=x86_64-w64-mingw32-objdump magic="PE32+" ;;
-    x86) objdump=i686-w64-mingw32-objdump magic="PE32" ;;
-  esac
-  for dll in "${DLL_NAMES[@]}"; do
-    path=$(built_dll $arch "$dll")
-    if [ -z "$path" ]; then
-      fail "$arch $dll: not built (looked below ${BUILD_PREFIX}$arch)"
-    else
-      static_check $arch $objdump "$magic" "$path"
-    fi
-  done
-done
-
-# --- 2./3. runtime tests under Wine ---------------------------------------------
-
-# Classes with a core (classes.txt: core header column other than "-").
-LIVE_CLASSES=" $(awk '$1 == "class" && $7 != "-" {print $2}' "$ROOT/src/hosting/catalogue/classes.txt" | tr '\n' ' ') "
-
-# The classes a script names on its "requires:" line that have no core yet.
-missing_classes() {
-  local need cls out=""
-  need=$(grep -m1 -E "^(' *|// *)requires:" "$1" | sed -E "s/^(' *|\/\/ *)requires://")
-  for cls in $need; do
-    [[ $LIVE_CLASSES == *" $cls "* ]] || out="$out $cls"
-  done
-  echo "$out"
-}
-
-prepare_prefix() {  # prepare_prefix <prefix> <winearch>
-  local prefix=$1 winearch=$2
-  if [ ! -f "$prefix/system.reg" ]; then
-    mkdir -p "$prefix"
-    echo "  creating Wine prefix $prefix"
-    WINEPREFIX=$prefix WINEARCH=$winearch wineboot -i >/dev/null 2>&1
-    WINEPREFIX=$prefix wineserver -w
-  fi
-  [ -f "$prefix/system.reg" ]
-}
-
-# The registry keys registration must create and unregistration remove.
-registry_keys() {
-  # ValueStack: identities are fixed in components/valuestack/identity.txt.
-  awk '$1 == "typelib" {print "HKCR\\TypeLib\\" $2}
-       $1 == "class" {print "HKCR\\CLSID\\" $2}
-       $1 == "interface" {print "HKCR\\Interface\\" $2}' \
-    "$ROOT/components/valuestack/identity.txt"
-  echo 'HKCR\ValueStack.ValueStack'
-  # The library: its type library, and per class the ProgID, CLSID and IID.
-  awk '$1 == "library" {print "HKCR\\TypeLib\\" $3}
-       $1 == "class" {print "HKCR\\KARVO_Valmetra." $2; print "HKCR\\CLSID\\" $5;
-                      print "HKCR\\Interface\\" $6}' \
+# Every key registration writes (GUIDs and ProgIDs, as they appear in a key name).
+registry_names() {
+  awk '$1 == "typelib" || $1 == "class" || $1 == "interface" {print $2}' "$ROOT/components/valuestack/identity.txt"
+  echo '\ValueStack.ValueStack]'
+  awk '$1 == "library" {print $3} $1 == "class" {print "\\KARVO_Valmetra." $2 "]"; print $5; print $6}' \
     "$ROOT/src/hosting/catalogue/classes.txt"
 }
 
-run_scripts() {  # run_scripts <arch> <prefix> <scratch dir>
-  local arch=$1 prefix=$2 scratch=$3 script base joined out rc missing lib
-  mkdir -p "$scratch"
-  shopt -s nullglob
-  for script in "$ROOT"/tests/scripts/*.vbs "$ROOT"/tests/scripts/*.js; do
-    base=$(basename "$script")
-    missing=$(missing_classes "$script")
-    if [ -n "$missing" ]; then
-      skip "$arch script $base: no core yet for$missing"
-      continue
-    fi
-    case $base in
-      *.vbs) lib=$ROOT/tests/scripts/lib/assert.vbs ;;
-      *.js) lib=$ROOT/tests/scripts/lib/assert.js ;;
-    esac
-    # One file: the helper library, then the test (no include in the host).
-    joined=$scratch/$base
-    cat "$lib" "$script" >"$joined"
-    out=$(WINEPREFIX=$prefix timeout 300 wine cscript //nologo "$(winpath "$joined")" 2>&1)
-    rc=$?
-    if [ $rc -eq 0 ] && grep -q "^PASS " <<<"$out" && ! grep -q "^FAIL" <<<"$out"; then
-      pass "$arch script $base: $(grep -m1 '^PASS ' <<<"$out" | tr -d '\r')"
-    else
-      fail "$arch script $base (exit $rc)"
-      if [ -n "$out" ]; then
-        sed 's/^/        /' <<<"$out" | tr -d '\r'
-      else
-        echo "        (no output: the script died before Finish?)"
-      fi
-    fi
-  done
-  shopt -u nullglob
+# registered <arch> <prefix> <yes|no>: every key is there (yes) or none is (no).
+registered() {
+  local out=$2/classes.reg keys missing="" present="" name
+  WINEPREFIX=$2 wine reg export 'HKLM\Software\Classes' "$(winpath "$out")" /y >/dev/null 2>&1
+  keys=$(iconv -f UTF-16LE -t UTF-8 "$out" 2>/dev/null | tr -d '\r' | grep '^\[' | tr 'A-Z' 'a-z')
+  rm -f "$out"
+  while read -r name; do
+    name=$(tr 'A-Z' 'a-z' <<<"$name")
+    if grep -qF -- "$name" <<<"$keys"; then present="$present $name"; else missing="$missing $name"; fi
+  done < <(registry_names)
+  if [ "$3" = yes ]; then
+    [ -z "$missing" ] && pass "$1 registration writes every key" || fail "$1 keys missing after registration:$missing"
+  else
+    [ -z "$present" ] && pass "$1 unregistration removes every key" || fail "$1 keys left after unregistration:$present"
+  fi
 }
 
-run_gtests() {  # run_gtests <arch> <prefix>
-  local arch=$1 prefix=$2 dir exe out rc found=0
-  dir=${BUILD_PREFIX}$arch/tests/windows
-  shopt -s nullglob
-  for exe in "$dir"/*.exe; do
-    found=1
-    out=$(cd "$(dirname "$exe")" && WINEPREFIX=$prefix timeout 600 wine "$exe" 2>&1)
-    rc=$?
+suite() {  # suite <arch> <cscript> <regsvr32>
+  local arch=$1 cscript=$2 regsvr32=$3 prefix=$ROOT/build/wine-$1 dll exe out rc script lib joined
+  echo "== $arch (Wine prefix $prefix)"
+  if [ ! -f "$prefix/system.reg" ]; then
+    mkdir -p "$prefix" && WINEPREFIX=$prefix wineboot -i >/dev/null 2>&1 && WINEPREFIX=$prefix wineserver -w
+  fi
+  [ -f "$prefix/system.reg" ] || { fail "$arch: could not create the Wine prefix"; return; }
+  export WINEPREFIX=$prefix
+  register() { local d; for d in $(dlls "$arch"); do wine "$regsvr32" /s "$@" "$(winpath "$d")" >/dev/null 2>&1 || fail "$arch regsvr32 $* $(basename "$d")"; done; }
+  register
+  registered "$arch" "$prefix" yes
+  for exe in ${BUILD_PREFIX}$arch/tests/windows/{valmetra_win_tests,valuestack_tests}.exe; do
+    [ -f "$exe" ] || { fail "$arch: $exe not built"; continue; }
+    out=$(cd "$(dirname "$exe")" && timeout 300 wine "$exe" 2>&1); rc=$?
     if [ $rc -eq 0 ] && grep -q '\[  PASSED  \]' <<<"$out" && ! grep -q '\[  FAILED  \]' <<<"$out"; then
       pass "$arch $(basename "$exe"): $(grep -m1 '\[  PASSED  \]' <<<"$out" | tr -d '\r')"
     else
       fail "$arch $(basename "$exe") (exit $rc)"
-      tr -d '\r' <<<"$out" | grep -E '\[  FAILED  \]|Failure|error|Expected|Which is|Value of|Actual' | head -n 60 | sed 's/^/        /'
+      tr -d '\r' <<<"$out" | grep -E '\[  FAILED  \]|: Failure$|Expected|Which is|Value of|Actual' | head -n 60 | sed 's/^/        /'
     fi
   done
-  shopt -u nullglob
-  if [ $found -eq 0 ]; then
-    banner "SKIP: no GoogleTest programs in ${BUILD_PREFIX}$arch/tests/windows" \
-           "(the mingw test programs have not been built)"
-    skip "$arch GoogleTest programs: none built"
-  fi
-}
-
-runtime_tests() {  # runtime_tests <arch> <winearch>
-  local arch=$1 winearch=$2 prefix dll path key
-  prefix=$ROOT/build/wine-$arch
-  if [ -n "${VALMETRA_WINE_PREFIX:-}" ]; then
-    prefix=$VALMETRA_WINE_PREFIX
-    [ "$arch" = x64 ] || prefix=$prefix-$arch
-  fi
-  echo "== runtime tests, $arch (Wine prefix $prefix)"
-  if ! prepare_prefix "$prefix" "$winearch"; then
-    fail "$arch: could not create the Wine prefix $prefix"
-    return
-  fi
-  local paths=()
-  for dll in "${DLL_NAMES[@]}"; do
-    path=$(built_dll $arch "$dll")
-    [ -n "$path" ] && paths+=("$path")
-  done
-  if [ ${#paths[@]} -ne ${#DLL_NAMES[@]} ]; then
-    fail "$arch: DLLs missing, runtime tests not run"
-    return
-  fi
-  for path in "${paths[@]}"; do
-    if WINEPREFIX=$prefix wine regsvr32 /s "$(winpath "$path")" >/dev/null 2>&1; then
-      pass "$arch regsvr32 $(basename "$path")"
+  register  # the test program's round trips may have unregistered
+  mkdir -p "$prefix/scripts"
+  for script in "$ROOT"/tests/scripts/*.vbs "$ROOT"/tests/scripts/*.js; do
+    lib=$ROOT/tests/scripts/lib/assert.${script##*.}
+    joined=$prefix/scripts/$(basename "$script")
+    cat "$lib" "$script" >"$joined"  # the script host has no include
+    out=$(timeout 120 wine "$cscript" //nologo "$(winpath "$joined")" 2>&1 | tr -d '\r'); rc=$?
+    if [ $rc -eq 0 ] && grep -q '^PASS ' <<<"$out" && ! grep -q '^FAIL' <<<"$out"; then
+      pass "$arch $(grep -m1 '^PASS ' <<<"$out")"
     else
-      fail "$arch regsvr32 $(basename "$path")"
+      fail "$arch script $(basename "$script") (exit $rc)"
+      sed 's/^/        /' <<<"${out:-(no output: died before Finish)}" | head -n 40
     fi
   done
-
-  run_gtests "$arch" "$prefix"
-  # The test programs may unregister (round trips); the scripts need the
-  # registration again.
-  for path in "${paths[@]}"; do
-    WINEPREFIX=$prefix wine regsvr32 /s "$(winpath "$path")" >/dev/null 2>&1 ||
-      fail "$arch regsvr32 $(basename "$path") (before the scripts)"
-  done
-  run_scripts "$arch" "$prefix" "$prefix-scripts"
-
-  # Unregistration removes what registration made; then register again so
-  # the prefix stays usable (unless asked to keep it clean).
-  local left=""
-  for path in "${paths[@]}"; do
-    WINEPREFIX=$prefix wine regsvr32 /u /s "$(winpath "$path")" >/dev/null 2>&1 ||
-      fail "$arch regsvr32 /u $(basename "$path")"
-  done
-  while read -r key; do
-    if WINEPREFIX=$prefix wine reg query "$key" >/dev/null 2>&1; then left="$left $key"; fi
-  done < <(registry_keys)
-  if [ -z "$left" ]; then
-    pass "$arch unregister removes the CLSID and ProgID keys"
-  else
-    fail "$arch keys left after unregister:$left"
-  fi
-  if [ "${VALMETRA_WINE_KEEP:-0}" = 1 ]; then
-    for path in "${paths[@]}"; do
-      WINEPREFIX=$prefix wine regsvr32 /s "$(winpath "$path")" >/dev/null 2>&1
-    done
-  fi
-  WINEPREFIX=$prefix wineserver -w
+  register /u
+  registered "$arch" "$prefix" no
+  wineserver -w
+  unset WINEPREFIX
 }
 
-if ! command -v wine >/dev/null; then
-  banner "FAIL: wine is not installed (make deps installs it)"
-  fail "wine missing"
-else
-  runtime_tests x64 win64
-  # A 32-bit Wine needs the i386 loader and its PE DLLs (package wine32:i386).
-  if [ -e /usr/lib/wine/wine ] && [ -e /usr/lib/i386-linux-gnu/wine/i386-windows/ntdll.dll ]; then
-    runtime_tests x86 win32
-  else
-    banner "SKIP: x86 runtime tests: no 32-bit Wine on this machine" \
-           "(wine32:i386 is not installed; the x86 DLLs were only checked statically)"
-    skip "x86 runtime tests (no 32-bit Wine)"
-  fi
-fi
+summary() {  # summary <arch>: keep this arch's line and fold its counts into the totals
+  echo "== $1 took $((SECONDS - START)) s"
+  SUMMARY+=("$1: $P passed, $F failed, $S skipped")
+  TP=$((TP + P)) TF=$((TF + F)) TS=$((TS + S)) P=0 F=0 S=0
+}
 
+SUMMARY=()
+for arch in x64 x86; do
+  START=$SECONDS
+  echo "== $arch static checks"
+  for dll in $(dlls $arch); do static_check $arch "$dll"; done
+  if ! command -v wine >/dev/null; then
+    fail "$arch: wine is not installed (make deps installs it)"
+  elif [ $arch = x64 ]; then
+    suite x64 cscript regsvr32
+  elif [ "${VALMETRA_SKIP_X86:-0}" = 1 ]; then
+    skip "x86 runtime tests (VALMETRA_SKIP_X86=1)"
+  elif ! W32BIN=$("$ROOT/tools/wine32/provide.sh"); then
+    fail "x86: no 32-bit Wine (tools/wine32/provide.sh failed; VALMETRA_SKIP_X86=1 skips)"
+  else
+    PATH="$W32BIN${W32BIN:+:}$PATH" suite x86 'C:\windows\syswow64\cscript.exe' 'C:\windows\syswow64\regsvr32.exe'
+  fi
+  summary $arch
+done
 echo
-if [ $FAILED -gt 0 ]; then
-  echo "Windows test failures:"
-  printf '  %s\n' "${FAILURES[@]}"
-fi
-echo "$PASSED passed, $FAILED failed, $SKIPPED skipped"
-[ $FAILED -eq 0 ]
+[ ${#FAILURES[@]} -gt 0 ] && { echo "Windows test failures:"; printf '  %s\n' "${FAILURES[@]}"; }
+printf '%s\n' "${SUMMARY[@]}"
+echo "$TP passed, $TF failed, $TS skipped"
+[ $TF -eq 0 ]

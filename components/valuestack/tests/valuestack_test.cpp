@@ -1,7 +1,7 @@
 // ValueStack.dll through its vtable and its IDispatch, loaded from the
 // build tree (no registration needed): the slot contract the library binds
-// to, the history semantics per type, errors with error information, the
-// dispatch table against the embedded type library, and the unload count.
+// to and the vtable's errors with error information. Calls by name, per
+// type, are tests/scripts/valuestack.vbs.
 #include <windows.h>
 #include <initguid.h>
 #include <cguid.h>
@@ -19,7 +19,6 @@ namespace {
 
 using valmetra::com::Bstr;
 using valmetra::com::ComPtr;
-using valmetra::com::Variant;
 
 using GetClassObjectFn = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
 using CanUnloadNowFn = HRESULT(STDAPICALLTYPE*)();
@@ -87,25 +86,6 @@ class ValueStackTest : public ::testing::Test {
     EXPECT_TRUE(IsEqualGUID(guid, IID__ValueStack));
   }
 
-  // Calls a member by name; args in natural order.
-  HRESULT call(const wchar_t* name, WORD flags, VARIANT* args, UINT count, VARIANT* result, EXCEPINFO* ex = nullptr) {
-    DISPID id = DISPID_UNKNOWN;
-    LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
-    HRESULT hr = stack_->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id);
-    if (FAILED(hr)) return hr;
-    VARIANT reversed[4];
-    for (UINT i = 0; i < count; ++i) reversed[count - 1 - i] = args[i];
-    DISPPARAMS params{count ? reversed : nullptr, nullptr, count, 0};
-    EXCEPINFO local{};
-    hr = stack_->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, flags, &params, result, ex ? ex : &local, nullptr);
-    if (!ex) {
-      SysFreeString(local.bstrSource);
-      SysFreeString(local.bstrDescription);
-      SysFreeString(local.bstrHelpFile);
-    }
-    return hr;
-  }
-
   static inline std::wstring copy_;
   static inline bool initialized_ = false;
   static inline HMODULE module_ = nullptr;
@@ -163,55 +143,6 @@ TEST_F(ValueStackTest, TypeLibraryPositionsAreTheContract) {
   }
 }
 
-// The member table answers every member of the type library with the
-// type library's dispatch identifier and parameter count.
-TEST_F(ValueStackTest, DispatchTableMatchesTypeLibrary) {
-  ComPtr<ITypeInfo> info;
-  ASSERT_HRESULT_SUCCEEDED(stack_->GetTypeInfo(0, LOCALE_USER_DEFAULT, info.put()));
-  TYPEATTR* attr = nullptr;
-  ASSERT_HRESULT_SUCCEEDED(info->GetTypeAttr(&attr));
-  const UINT functions = attr->cFuncs;
-  info->ReleaseTypeAttr(attr);
-  int own = 0;
-  for (UINT i = 0; i < functions; ++i) {
-    FUNCDESC* f = nullptr;
-    ASSERT_HRESULT_SUCCEEDED(info->GetFuncDesc(i, &f));
-    Bstr name;
-    UINT got = 0;
-    info->GetNames(f->memid, name.put(), 1, &got);
-    const MEMBERID memid = f->memid;
-    // Dispinterface views list IUnknown's and IDispatch's members too.
-    const auto base = static_cast<unsigned long>(memid) & 0xFFFF0000ul;
-    const bool inherited = base != 0x60030000ul && base != 0x68030000ul;
-    SHORT params = f->cParams;
-    for (SHORT p = 0; p < f->cParams; ++p)
-      if (f->lprgelemdescParam[p].paramdesc.wParamFlags & PARAMFLAG_FRETVAL) --params;
-    const INVOKEKIND kind = f->invkind;
-    info->ReleaseFuncDesc(f);
-    if (inherited) continue;
-    ++own;
-    SCOPED_TRACE(std::string(name.view().begin(), name.view().end()));
-    LPOLESTR names[] = {name.get()};
-    DISPID id = DISPID_UNKNOWN;
-    ASSERT_HRESULT_SUCCEEDED(stack_->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id));
-    EXPECT_EQ(id, memid);
-    // One argument too many is refused by the table's parameter count.
-    VARIANT extra[4];
-    for (auto& v : extra) {
-      VariantInit(&v);
-      v.vt = VT_I2;
-      v.iVal = 1;
-    }
-    DISPPARAMS dp{extra, nullptr, static_cast<UINT>(params + 1), 0};
-    Variant result;
-    EXPECT_EQ(stack_->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT,
-                             kind == INVOKE_PROPERTYGET ? DISPATCH_PROPERTYGET : DISPATCH_METHOD, &dp, result.put(),
-                             nullptr, nullptr),
-              DISP_E_BADPARAMCOUNT);
-  }
-  EXPECT_EQ(own, 34);
-}
-
 // Per type: Pop and Drop on an empty history fail with 5 and error
 // information; Push then Pop gives the value back; PushAndSet records the
 // target and stores the new value; nothing is written on failure.
@@ -245,49 +176,6 @@ TEST_F(ValueStackTest, IntegerHistoryThroughTheVtable) {
   EXPECT_EQ(stack_->PeekInteger(&out), kEmptyHistory);
 }
 
-TEST_F(ValueStackTest, EachTypeHasItsOwnHistory) {
-  VARIANT_BOOL flag = VARIANT_TRUE;
-  double d = 2.5;
-  short i = -7;
-  LONG l = 100000;
-  float s = 0.5f;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushBoolean(&flag));
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushDouble(&d));
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushInteger(&i));
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushLong(&l));
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushSingle(&s));
-  LONG count = 0;
-  ASSERT_HRESULT_SUCCEEDED(stack_->get_Count(&count));
-  EXPECT_EQ(count, 5);
-  Bstr summary;
-  ASSERT_HRESULT_SUCCEEDED(stack_->get_Summary(summary.put()));
-  EXPECT_STREQ(summary.get(), L"Boolean 1, Double 1, Integer 1, Long 1, Single 1");
-
-  float s2 = 0;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PopSingle(&s2));
-  EXPECT_EQ(s2, 0.5f);
-  EXPECT_EQ(stack_->PopSingle(&s2), kEmptyHistory);
-  expect_error_info(L"The value history holds no Single");
-  LONG l2 = 0;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PopLong(&l2));
-  EXPECT_EQ(l2, 100000);
-  double d2 = 0;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PopDouble(&d2));
-  EXPECT_EQ(d2, 2.5);
-  VARIANT_BOOL f2 = 0;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PopBoolean(&f2));
-  EXPECT_EQ(f2, VARIANT_TRUE);
-  EXPECT_EQ(stack_->DropBoolean(), kEmptyHistory);
-  expect_error_info(L"The value history holds no Boolean");
-
-  VARIANT_BOOL empty = VARIANT_TRUE;
-  ASSERT_HRESULT_SUCCEEDED(stack_->get_IsEmpty(&empty));
-  EXPECT_EQ(empty, VARIANT_FALSE);  // the Integer is still there
-  ASSERT_HRESULT_SUCCEEDED(stack_->Clear());
-  ASSERT_HRESULT_SUCCEEDED(stack_->get_IsEmpty(&empty));
-  EXPECT_EQ(empty, VARIANT_TRUE);
-}
-
 TEST_F(ValueStackTest, NullPointersFailWithoutTouchingTheHistory) {
   short i = 5;
   EXPECT_EQ(stack_->PushInteger(nullptr), E_POINTER);
@@ -297,101 +185,6 @@ TEST_F(ValueStackTest, NullPointersFailWithoutTouchingTheHistory) {
   LONG count = -1;
   ASSERT_HRESULT_SUCCEEDED(stack_->get_Count(&count));
   EXPECT_EQ(count, 0);
-}
-
-// By name: the receiving variable and the target are written back, the
-// pushed variable and the set-to value are not; errors come as
-// DISP_E_EXCEPTION with the history's number and texts.
-TEST_F(ValueStackTest, ByNameWritesBackOnlyReceivingVariables) {
-  VARIANT var;
-  VariantInit(&var);
-  var.vt = VT_I4;  // another type than the history's: converted both ways
-  var.lVal = 9;
-  VARIANT arg;
-  arg.vt = VT_BYREF | VT_VARIANT;
-  arg.pvarVal = &var;
-  ASSERT_HRESULT_SUCCEEDED(call(L"pushinteger", DISPATCH_METHOD, &arg, 1, nullptr));
-  EXPECT_EQ(var.vt, VT_I4);
-  EXPECT_EQ(var.lVal, 9);
-
-  VARIANT target_var, set_var;
-  target_var.vt = VT_I2;
-  target_var.iVal = 1;
-  set_var.vt = VT_I2;
-  set_var.iVal = 4;
-  VARIANT two[2];
-  two[0].vt = VT_BYREF | VT_VARIANT;
-  two[0].pvarVal = &target_var;
-  two[1].vt = VT_BYREF | VT_VARIANT;
-  two[1].pvarVal = &set_var;
-  ASSERT_HRESULT_SUCCEEDED(call(L"PushAndSetInteger", DISPATCH_METHOD, two, 2, nullptr));
-  EXPECT_EQ(target_var.iVal, 4);
-  EXPECT_EQ(set_var.iVal, 4);
-
-  var.vt = VT_EMPTY;
-  ASSERT_HRESULT_SUCCEEDED(call(L"PopInteger", DISPATCH_METHOD, &arg, 1, nullptr));
-  EXPECT_EQ(var.vt, VT_I2);
-  EXPECT_EQ(var.iVal, 1);
-  ASSERT_HRESULT_SUCCEEDED(call(L"PopInteger", DISPATCH_METHOD, &arg, 1, nullptr));
-  EXPECT_EQ(var.iVal, 9);
-
-  EXCEPINFO ex{};
-  var.iVal = 123;
-  EXPECT_EQ(call(L"PopInteger", DISPATCH_METHOD, &arg, 1, nullptr, &ex), DISP_E_EXCEPTION);
-  EXPECT_EQ(ex.scode, kEmptyHistory);
-  EXPECT_STREQ(ex.bstrSource, L"ValueStack");
-  EXPECT_STREQ(ex.bstrDescription, L"The value history holds no Integer");
-  EXPECT_EQ(var.iVal, 123);
-  SysFreeString(ex.bstrSource);
-  SysFreeString(ex.bstrDescription);
-  SysFreeString(ex.bstrHelpFile);
-
-  Variant count;
-  ASSERT_HRESULT_SUCCEEDED(call(L"Count", DISPATCH_PROPERTYGET, nullptr, 0, count.put()));
-  EXPECT_EQ(count->vt, VT_I4);
-  EXPECT_EQ(count->lVal, 0);
-  EXPECT_EQ(call(L"NoSuchMember", DISPATCH_METHOD, nullptr, 0, nullptr), DISP_E_UNKNOWNNAME);
-  DISPPARAMS none{nullptr, nullptr, 0, 0};
-  Variant value;
-  EXPECT_EQ(stack_->Invoke(DISPID_VALUE, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, value.put(), nullptr, nullptr),
-            DISP_E_MEMBERNOTFOUND);
-}
-
-TEST_F(ValueStackTest, ObjectsHaveIndependentHistories) {
-  ComPtr<IClassFactory> factory;
-  ASSERT_HRESULT_SUCCEEDED(get_class_object_(CLSID_ValueStack, IID_IClassFactory, factory.put_void()));
-  ComPtr<_ValueStack> other;
-  ASSERT_HRESULT_SUCCEEDED(factory->CreateInstance(nullptr, IID__ValueStack, other.put_void()));
-  short v = 5;
-  ASSERT_HRESULT_SUCCEEDED(stack_->PushInteger(&v));
-  EXPECT_EQ(other->PopInteger(&v), kEmptyHistory);
-}
-
-TEST_F(ValueStackTest, FactoryAndUnloadCount) {
-  ComPtr<IUnknown> unknown;
-  EXPECT_EQ(get_class_object_(IID__ValueStack, IID_IClassFactory, unknown.put_void()), CLASS_E_CLASSNOTAVAILABLE);
-  EXPECT_FALSE(unknown);
-
-  ComPtr<IClassFactory> factory;
-  ASSERT_HRESULT_SUCCEEDED(get_class_object_(CLSID_ValueStack, IID_IClassFactory, factory.put_void()));
-  ComPtr<IUnknown> aggregated;
-  EXPECT_EQ(factory->CreateInstance(reinterpret_cast<IUnknown*>(stack_.get()), IID_IUnknown, aggregated.put_void()),
-            CLASS_E_NOAGGREGATION);
-  ComPtr<ISupportErrorInfo> support;
-  ASSERT_HRESULT_SUCCEEDED(stack_.query(IID_ISupportErrorInfo, support));
-  EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID__ValueStack), S_OK);
-
-  EXPECT_EQ(can_unload_(), S_FALSE);  // the fixture's object and the factory
-  stack_.reset();
-  support.reset();
-  EXPECT_EQ(can_unload_(), S_FALSE);  // the factory
-  ASSERT_HRESULT_SUCCEEDED(factory->LockServer(TRUE));
-  factory.reset();
-  EXPECT_EQ(can_unload_(), S_FALSE);  // the lock
-  ASSERT_HRESULT_SUCCEEDED(get_class_object_(CLSID_ValueStack, IID_IClassFactory, factory.put_void()));
-  ASSERT_HRESULT_SUCCEEDED(factory->LockServer(FALSE));
-  factory.reset();
-  EXPECT_EQ(can_unload_(), S_OK);
 }
 
 }  // namespace

@@ -1,0 +1,153 @@
+#!/usr/bin/env python3
+"""Deployment checks that need the catalogue (tools/deploymodel.py, genmsi.py).
+
+    reg.py classes                     the class list deploy_client reads
+    reg.py vbs                         the VBScript host check (msi_use.vbs filled in)
+    reg.py record HIVE DIR A.reg B.reg B - A is exactly the registration record
+    reg.py same A.reg B.reg            nothing appeared, vanished or changed
+    reg.py static ARCH STAGE           manifest and package against the catalogue
+Prints what differs; exits 1 when anything does.
+"""
+import os
+import re
+import subprocess
+import sys
+import uuid
+import xml.etree.ElementTree as ET
+
+ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
+sys.path.insert(0, os.path.join(ROOT, "tools"))
+import deploymodel  # noqa: E402
+import gencatalogue  # noqa: E402
+import genmsi  # noqa: E402
+
+VT = {"I2": 2, "I4": 3, "R4": 4, "R8": 5, "BSTR": 8, "BOOL": 11, "VARIANT": 12}
+HIVES = {"HKEY_LOCAL_MACHINE": "HKLM", "HKEY_CURRENT_USER": "HKCU"}
+COMPS = deploymodel.components(ROOT)
+
+
+def class_lines():
+    """class <file> <clsid> <progid> <progid.N> <iid> <name> <probe> <get|method> <VT>; typelib <file> <libid>
+    <major> <minor>. The probe is a member callable without arguments: the value member first."""
+    by_name = {c.name: c for c in gencatalogue.load(ROOT)[1]}
+    out = []
+    for comp in COMPS:
+        for c in comp.classes:
+            probe = ("Count", "get", 3)
+            if comp.key == "valmetra":
+                ms = sorted((m for m in by_name[c.name].members if m.kind == "get" or not m.params),
+                            key=lambda m: (m.kind != "get", m.name != by_name[c.name].value_member, m.result != "BSTR", m.slot))
+                probe = (ms[0].name, ms[0].kind, VT.get(ms[0].result, 0))
+            out.append(f"class {comp.file} {c.clsid} {c.progid} {c.cur_version} {c.iid} {c.name} %s %s %s" % probe)
+        out.append(f"typelib {comp.file} {comp.libid} " + comp.version.replace(".", " "))
+    return out
+
+
+def vbs():
+    body = []
+    for w in (x.split() for x in class_lines() if x.startswith("class")):
+        call, vt = (f"v = obj.{w[7]}", f" And VarType(v) = {w[9]}") if w[8] == "get" else (f"obj.{w[7]}", "")
+        body += ["Set obj = Nothing", f'Set obj = CreateObject("{w[3]}")', call,
+                 f'Check Err.Number = 0{vt}, "{w[6]}: CreateObject(""{w[3]}"").{w[7]}"', "Err.Clear"]
+    with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "msi_use.vbs"), encoding="utf-8") as f:
+        return f.read().replace("' @CLASSES@\n", "\n".join(body) + "\n")
+
+
+def canon(path):
+    """A `reg export` file as lines "K KEY" and "V KEY | name | type | data", key paths upper case. A 32-bit
+    view's export X.reg comes with X.64.reg, the 64-bit view, for the keys both views share (ProgIDs)."""
+    shared = path[:-4] + ".64.reg"
+    lines = {x for x in canon_one(shared) if "\\WOW6432NODE" not in x} if os.path.exists(shared) else set()
+    return lines | canon_one(path)
+
+
+def canon_one(path):
+    raw = open(path, "rb").read()
+    text = raw[2:].decode("utf-16-le") if raw.startswith(b"\xff\xfe") else raw.decode("utf-8-sig")
+    lines, key = set(), None
+    for line in re.sub(r"\\\r?\n\s*", "", text).splitlines():
+        if line.startswith("[") and line.endswith("]"):
+            hive, _, rest = line[1:-1].partition("\\")
+            key = (HIVES.get(hive, hive) + "\\" + rest).rstrip("\\").upper()
+            lines.add("K " + key)
+        elif key and (m := re.match(r'^(@|"((?:[^"\\]|\\.)*)")=(?:"(.*)"|([a-z0-9()]+):(.*))$', line)):
+            name = "@" if m.group(1) == "@" else re.sub(r"\\(.)", r"\1", m.group(2)).lower()
+            data = re.sub(r"\\(.)", r"\1", m.group(3)) if m.group(3) is not None else m.group(5).replace(" ", "")
+            lines.add(f"V {key} | {name} | {'sz' if m.group(3) is not None else m.group(4)} | {data}")
+    # Wine copies the TypeLib tree into the 32-bit view; the installer keeps its own bookkeeping.
+    return {x for x in lines if not re.search(r"\\(CLASSES\\WOW6432NODE|WOW6432NODE\\CLASSES)\\TYPELIB|"
+                                              r"CLASSES\\INSTALLER|CURRENTVERSION\\INSTALLER", x)}
+
+
+def show(title, lines):
+    for x in sorted(lines)[:30]:
+        print(f"    {title}: {x}")
+    return bool(lines)
+
+
+def record(arch, hive, folder, before, after):
+    a, b = canon(before), canon(after)
+    folder = folder.rstrip("\\")
+    fix = lambda x: re.sub(re.escape(folder), "<DIR>", x.rstrip("\\") if "\\HELPDIR |" in x else x, flags=re.I)
+    want = {fix(x) for x in genmsi.record_lines(ROOT, arch, folder, hive)}
+    # Beside the record: the containers, and an installed package's entry under Uninstall.
+    got = {fix(x) for x in b - a if not re.match(r"K \w+\\SOFTWARE\\CLASSES(\\(CLSID|INTERFACE|TYPELIB))?$|"
+                                                 r". HKLM\\SOFTWARE\\MICROSOFT\\WINDOWS\\CURRENTVERSION\\UNINSTALL\\\{", x)}
+    bad = show("missing", want - got) | show("unexpected", got - want) | show("removed or changed", a - b)
+    print(f"    {len(want)} keys and values of the record compared")
+    return bad
+
+
+def same(before, after):
+    a, b = canon(before), canon(after)
+    return show("appeared", b - a) | show("vanished", a - b)
+
+
+def static(arch, stage):
+    folder, bad = os.path.join(stage, arch), []
+    root = ET.parse(os.path.join(folder, deploymodel.ASSEMBLY_NAME + ".manifest")).getroot()
+    ns = {"a": "urn:schemas-microsoft-com:asm.v1"}
+    ident = root.find("a:assemblyIdentity", ns)
+    if ident.get("processorArchitecture") != {"x64": "amd64", "x86": "x86"}[arch]:
+        bad.append("manifest processorArchitecture " + ident.get("processorArchitecture"))
+    for comp in COMPS:
+        f = root.find(f"a:file[@name='{comp.file}']", ns)
+        blob = open(os.path.join(folder, comp.file), "rb").read()
+        for c in comp.classes:
+            e = None if f is None else f.find(f"a:comClass[@clsid='{c.clsid}']", ns)
+            if e is None or (e.get("progid"), e.get("threadingModel"), e.get("tlbid")) != \
+                    (c.progid, "Apartment", comp.libid) or [p.text for p in e.findall("a:progid", ns)] != [c.cur_version]:
+                bad.append(f"manifest: {c.name}")
+            bad += [f"{comp.file} lacks {g}" for g in (c.clsid, c.iid) if uuid.UUID(g).bytes_le not in blob]
+    msi = os.path.join(stage, f"KARVO-Valmetra-{arch}.msi")
+    target = {"x64": "C:\\Program Files", "x86": "C:\\Program Files (x86)"}[arch] + "\\KARVO\\Valmetra"
+    out = subprocess.run(["msiinfo", "export", msi, "Registry"], capture_output=True, text=True).stdout
+    rows = [r.split("\t") for r in out.splitlines()[3:]]
+    got = set()
+    for _, hive, key, name, value, _ in rows:
+        parts = key.split("\\")
+        first = 3 if parts[2].upper() in ("CLSID", "INTERFACE", "TYPELIB") else 2
+        got |= {"K HKLM\\" + "\\".join(parts[:i]).upper() for i in range(first + 1, len(parts) + 1)}
+        if name != "*":
+            for comp in COMPS:
+                value = value.replace(f"[#{comp.key}_dll]", target + "\\" + comp.file)
+            value = value.replace("[INSTALLDIR]", target + "\\")
+            value = value.rstrip("\\") if key.upper().endswith("\\HELPDIR") else value
+            got.add(f"V HKLM\\{key.upper()} | {name.lower() or '@'} | sz | {value}" if hive == "2" else "HIVE " + hive)
+    want = set(genmsi.record_lines(ROOT, arch, target, "HKLM"))
+    bad += [f"package record: missing {x}" for x in want - got] + [f"package record: extra {x}" for x in got - want]
+    info = subprocess.run(["msiinfo", "suminfo", msi], capture_output=True, text=True).stdout
+    if ("x64;" if arch == "x64" else "Intel;") not in info:
+        bad.append("package template")
+    for x in bad[:30]:
+        print("    " + x)
+    print(f"    {arch}: manifest, {len(want)} package registry lines, identifiers in the DLLs")
+    return bool(bad)
+
+
+if __name__ == "__main__":
+    cmd, args = sys.argv[1], sys.argv[2:]
+    if cmd in ("classes", "vbs"):
+        print("\n".join(class_lines()) if cmd == "classes" else vbs())
+        sys.exit(0)
+    sys.exit(1 if {"record": record, "same": same, "static": static}[cmd](*args) else 0)
