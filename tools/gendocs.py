@@ -81,8 +81,9 @@ def page(lib, cls):
             row += f" {escape_cell(m.help)} |"
         out.append(row)
     out += ["", "## Examples (VBScript)", "",
-            "Every line is a valid call; run one at a time, with the `On Error` pattern of "
-            "[script hosts](../hosts.md#script-hosts) around it to see the error a call raises.", "",
+            "One line per member, with sample arguments. A call that can fail belongs inside the "
+            "`On Error` pattern of [script hosts](../hosts.md#make-failures-visible), or a failure "
+            "may pass unseen.", "",
             "```vbscript", f"Set {var} = CreateObject(\"{progid}\")"]
     width = max(len(example(cls, m, var)) for m in cls.members)
     for m in cls.members:
