@@ -32,6 +32,7 @@ class Member:
     text: str | None = None      # TextConstants: the stored text
     alias: str | None = None     # TextConstants: member whose text it shares
     dispid: int = 0
+    help: str | None = None      # the entry's one line of meaning
 
 
 @dataclass
@@ -43,6 +44,8 @@ class Class:
     iid: str
     core_header: str | None
     core_type: str | None
+    help: str | None = None          # the class's one line of meaning
+    behaviour: str | None = None     # "How it behaves" (Markdown), when there is one
     members: list = field(default_factory=list)
 
 
@@ -77,12 +80,30 @@ MEMBER_RE = re.compile(
     r'^(method|get|put)\s+(\w+)\s*(?:\(([^)]*)\))?\s*(?:->\s*(\w+))?\s*(?:=\s*(@\w+|"(?:[^"\\]|\\.)*"))?\s*$')
 
 
+HELP_MAX = 255  # object browsers show a help string on one line
+
+
+def check_help(where, text):
+    if not text:
+        raise CatalogueError(f"{where}: empty help line")
+    if len(text) > HELP_MAX:
+        raise CatalogueError(f"{where}: help line longer than {HELP_MAX} characters")
+    if any(not 32 <= ord(c) < 127 for c in text):
+        raise CatalogueError(f"{where}: help line must be printable ASCII")
+    return text
+
+
 def parse_members(path):
     members = []
     with open(path, encoding="utf-8") as f:
         for lineno, raw in enumerate(f, 1):
             line = raw.rstrip("\n")
             if not line.strip() or line.lstrip().startswith("#"):
+                continue
+            if line[0] in " \t":  # an indented line: the help line of the entry above
+                if not members or members[-1].help is not None:
+                    raise CatalogueError(f"{path}:{lineno}: a help line follows an entry, once")
+                members[-1].help = check_help(f"{path}:{lineno}", line.strip())
                 continue
             m = MEMBER_RE.match(line.strip())
             if not m:
@@ -111,7 +132,30 @@ def parse_members(path):
                 else:
                     mem.text = unescape(value[1:-1])
             members.append(mem)
+    for mem in members:
+        if mem.help is None:
+            mem.help = derived_help(mem, members, path)
     return members
+
+
+def derived_help(mem, members, path):
+    """An entry that serves a stored text needs no help line: the text says it."""
+    text = mem.text
+    if mem.alias is not None:
+        text = next((m.text for m in members if m.name == mem.alias), None)
+    if text is None:
+        raise CatalogueError(f"{path}: {mem.kind} {mem.name} has no help line")
+    shown = text
+    blanks = []
+    lead = len(text) - len(text.lstrip(" "))
+    trail = len(text) - len(text.rstrip(" "))
+    if lead:
+        blanks.append(f"{lead} leading blank{'s' if lead > 1 else ''}")
+    if trail:
+        blanks.append(f"{trail} trailing blank{'s' if trail > 1 else ''}")
+    note = f" ({', '.join(blanks)})" if blanks else ""
+    what = "a Variant (String) holding" if mem.result == "VARIANT" else "the text"
+    return check_help(f"{path}: {mem.name}", f'Returns {what} "{shown}"{note}.')
 
 
 def assign_dispids(cls):
@@ -145,7 +189,8 @@ def find_members_file(source, name):
 def load(source):
     lib = None
     classes = []
-    path = os.path.join(source, "src/hosting/catalogue/classes.txt")
+    folder = os.path.join(source, "src/hosting/catalogue")
+    path = os.path.join(folder, "classes.txt")
     with open(path, encoding="utf-8") as f:
         for lineno, raw in enumerate(f, 1):
             line = raw.strip()
@@ -157,12 +202,20 @@ def load(source):
                     raise CatalogueError(f"{path}:{lineno}: bad library line")
                 lib = Library(*m.groups())
                 continue
-            w = line.split()
+            m = re.match(r'^(class\s.*?)\s+"(.*)"$', line)
+            if not m:
+                raise CatalogueError(f"{path}:{lineno}: a class line ends in its help text, quoted")
+            w = m.group(1).split()
             if w[0] != "class" or len(w) != 8:
                 raise CatalogueError(f"{path}:{lineno}: bad class line")
             _, name, inst, value, clsid, iid, header, ctype = w
             cls = Class(name, inst, None if value == "-" else value, clsid.strip("{}"), iid.strip("{}"),
-                        None if header == "-" else header, None if ctype == "-" else ctype)
+                        None if header == "-" else header, None if ctype == "-" else ctype,
+                        check_help(f"{path}:{lineno}", m.group(2)))
+            bpath = os.path.join(folder, name + ".behaviour.md")
+            if os.path.exists(bpath):
+                with open(bpath, encoding="utf-8") as f:
+                    cls.behaviour = f.read().strip() + "\n"
             mpath = find_members_file(source, name)
             if mpath is None:
                 cls.members = None  # only the Windows outputs need every member list
