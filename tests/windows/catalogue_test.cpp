@@ -19,6 +19,12 @@ std::wstring name_of(ITypeInfo* info, MEMBERID id = MEMBERID_NIL) {
   return std::wstring(name.get() ? name.get() : L"");
 }
 
+// Every coclass, interface and member carries a help string.
+void expect_help(ITypeInfo* info, MEMBERID id, const std::wstring& what) {
+  Bstr help;
+  EXPECT_EQ(info->GetDocumentation(id, nullptr, help.put(), nullptr, nullptr), S_OK);
+  EXPECT_FALSE(text_of(help.get()).empty()) << "no help string: " << std::string(what.begin(), what.end());
+}
 
 class TypeLibrary : public ::testing::Test {
  protected:
@@ -95,6 +101,7 @@ TEST_P(ClassDescription, CoclassFlagsAndDefaultInterface) {
     EXPECT_EQ(attr->wTypeFlags & (app | TYPEFLAG_FCANCREATE), TYPEFLAG_FCANCREATE);
   coclass->ReleaseTypeAttr(attr);
   EXPECT_EQ(name_of(coclass.get()), c.name);
+  expect_help(coclass.get(), MEMBERID_NIL, c.name);
 
   INT impl_flags = 0;
   ASSERT_EQ(coclass->GetImplTypeFlags(0, &impl_flags), S_OK);
@@ -107,6 +114,7 @@ TEST_P(ClassDescription, CoclassFlagsAndDefaultInterface) {
   EXPECT_TRUE(attr->guid == c.iid);
   iface->ReleaseTypeAttr(attr);
   EXPECT_EQ(name_of(iface.get()), c.interface_name);
+  expect_help(iface.get(), MEMBERID_NIL, c.interface_name);
 }
 
 TEST_P(ClassDescription, InterfaceEntriesMatchTheCatalogue) {
@@ -155,6 +163,7 @@ TEST_P(ClassDescription, InterfaceEntriesMatchTheCatalogue) {
     // (A get and its put share the identifier; GetNames answers for the get.)
     ASSERT_EQ(info->GetNames(fd->memid, names.data(), fd->cParams + 1u, &got), S_OK);
     EXPECT_EQ(text_of(names[0]), m.name);
+    expect_help(info.get(), fd->memid, std::wstring(c.name) + L"." + m.name);
     for (unsigned p = 0; p < m.param_count; ++p) {
       const ELEMDESC& e = fd->lprgelemdescParam[p];
       const auto& param = m.params[p];
