@@ -5,6 +5,9 @@
 //   deploy_client follow <list>           HKCU's record read by hand: ProgID -> CurVer -> CLSID ->
 //                                         InprocServer32 -> DllGetClassObject -> call; TypeLib -> load
 //   deploy_client none <list>             no class resolves
+//   deploy_client save <dir>              registry snapshot: HKLM\Software and HKCU\Software\Classes,
+//                                         both views, saved by RegSaveKey as <dir>\lm.reg, <dir>\cu.reg
+//                                         (the platform's own text format; `reg export` takes seconds)
 // <list> is `reg.py classes`. Prints failures and "N passed, N failed".
 #include <windows.h>
 #include <oleauto.h>
@@ -153,10 +156,44 @@ void follow() {
   }
 }
 
+// Saves HKLM\Software and HKCU\Software\Classes as seen by a 64-bit program (so the 32-bit
+// view's Wow6432Node comes along) into <dir>. A missing key saves as an empty file.
+int save(const std::string& dir) {
+  HANDLE token = nullptr;
+  TOKEN_PRIVILEGES tp{1, {{{0, 0}, SE_PRIVILEGE_ENABLED}}};
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token) ||
+      !LookupPrivilegeValueW(nullptr, L"SeBackupPrivilege", &tp.Privileges[0].Luid) ||
+      !AdjustTokenPrivileges(token, FALSE, &tp, 0, nullptr, nullptr))
+    return 3;
+  CloseHandle(token);
+  const struct { HKEY root; const wchar_t* key; const char* file; } keys[] = {
+      {HKEY_LOCAL_MACHINE, L"Software", "lm.reg"}, {HKEY_CURRENT_USER, L"Software\\Classes", "cu.reg"}};
+  for (const auto& k : keys) {
+    const std::string path = dir + "\\" + k.file;
+    std::wstring file(MultiByteToWideChar(CP_ACP, 0, path.c_str(), -1, nullptr, 0), L'\0');
+    MultiByteToWideChar(CP_ACP, 0, path.c_str(), -1, file.data(), static_cast<int>(file.size()));
+    DeleteFileW(file.c_str());
+    HKEY h = nullptr;
+    LONG r = RegOpenKeyExW(k.root, k.key, 0, KEY_READ | KEY_WOW64_64KEY, &h);
+    if (r == ERROR_FILE_NOT_FOUND) {
+      CloseHandle(CreateFileW(file.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+      continue;
+    }
+    if (r == ERROR_SUCCESS) r = RegSaveKeyW(h, file.c_str(), nullptr);
+    if (h) RegCloseKey(h);
+    if (r != ERROR_SUCCESS) {
+      std::printf("cannot save %s: error %ld\n", k.file, r);
+      return 1;
+    }
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::string mode = argc > 2 ? argv[1] : "";
+  if (mode == "save") return save(argv[2]);
   std::ifstream in(argv[argc - 1]);
   for (std::string line, tag; std::getline(in, line);) {
     std::istringstream w(line);

@@ -3,8 +3,9 @@
 
     reg.py classes                     the class list deploy_client reads
     reg.py vbs                         the VBScript host check (msi_use.vbs filled in)
-    reg.py record HIVE DIR A.reg B.reg B - A is exactly the registration record
-    reg.py same A.reg B.reg            nothing appeared, vanished or changed
+    reg.py record ARCH HIVE DIR A.reg B.reg  B - A is exactly the registration record
+    reg.py same ARCH A.reg B.reg       nothing appeared, vanished or changed
+(A.reg, B.reg: snapshots written by deploy_client save.)
     reg.py static ARCH STAGE           manifest and package against the catalogue
 Prints what differs; exits 1 when anything does.
 """
@@ -53,30 +54,53 @@ def vbs():
         return f.read().replace("' @CLASSES@\n", "\n".join(body) + "\n")
 
 
-def canon(path):
-    """A `reg export` file as lines "K KEY" and "V KEY | name | type | data", key paths upper case. A 32-bit
-    view's export X.reg comes with X.64.reg, the 64-bit view, for the keys both views share (ProgIDs)."""
-    shared = path[:-4] + ".64.reg"
-    lines = {x for x in canon_one(shared) if "\\WOW6432NODE" not in x} if os.path.exists(shared) else set()
-    return lines | canon_one(path)
-
-
-def canon_one(path):
-    raw = open(path, "rb").read()
-    text = raw[2:].decode("utf-16-le") if raw.startswith(b"\xff\xfe") else raw.decode("utf-8-sig")
-    lines, key = set(), None
-    for line in re.sub(r"\\\r?\n\s*", "", text).splitlines():
-        if line.startswith("[") and line.endswith("]"):
-            hive, _, rest = line[1:-1].partition("\\")
-            key = (HIVES.get(hive, hive) + "\\" + rest).rstrip("\\").upper()
+def canon(path, arch):
+    """A snapshot file (deploy_client save: the platform's own registry text format, keys relative to
+    the saved key, which the file's second line names) as lines "K KEY" and "V KEY | name | type | data",
+    key paths upper case. For x86 the keys are named as a 32-bit program sees them: Wow6432Node's
+    content under the plain names; what only 64-bit programs see (HKLM\Software outside Classes, and
+    the CLSID and Interface trees of its Classes) keeps a "64:" mark, so a write into the wrong view
+    shows."""
+    text = open(path, encoding="utf-8", errors="surrogateescape").read()
+    base = re.search(r"^;; All keys relative to REGISTRY\\\\(Machine|User\\\\[^\\\n]*)((?:\\\\.*)?)$", text, re.M)
+    if not base:
+        if text.strip():
+            sys.exit(f"{path}: not a registry snapshot")
+        return set()  # the key does not exist (a fresh profile has no user classes)
+    root = ("HKLM" if base.group(1) == "Machine" else "HKCU") + unescape(base.group(2)).upper()
+    lines, key = set(), None  # the saved key itself is left out: it may be created along the way
+    for line in re.sub(r"\\\n\s*", "", text).splitlines():
+        if m := re.match(r"^\[(.*)\] \d+$", line):
+            # A key is written only with values or without subkeys: its parents are implied.
+            parts = unescape(m.group(1)).upper().split("\\")
+            lines |= {"K " + view(root + "\\" + "\\".join(parts[:i]), arch) for i in range(1, len(parts))}
+            key = view(root + "\\" + "\\".join(parts), arch)
             lines.add("K " + key)
         elif key and (m := re.match(r'^(@|"((?:[^"\\]|\\.)*)")=(?:"(.*)"|([a-z0-9()]+):(.*))$', line)):
-            name = "@" if m.group(1) == "@" else re.sub(r"\\(.)", r"\1", m.group(2)).lower()
-            data = re.sub(r"\\(.)", r"\1", m.group(3)) if m.group(3) is not None else m.group(5).replace(" ", "")
+            name = "@" if m.group(1) == "@" else unescape(m.group(2)).lower()
+            data = unescape(m.group(3)) if m.group(3) is not None else m.group(5).replace(" ", "")
             lines.add(f"V {key} | {name} | {'sz' if m.group(3) is not None else m.group(4)} | {data}")
-    # Wine copies the TypeLib tree into the 32-bit view; the installer keeps its own bookkeeping.
-    return {x for x in lines if not re.search(r"\\(CLASSES\\WOW6432NODE|WOW6432NODE\\CLASSES)\\TYPELIB|"
-                                              r"CLASSES\\INSTALLER|CURRENTVERSION\\INSTALLER", x)}
+    # Wine's copy of the TypeLib tree for 32-bit programs; the installer's own bookkeeping.
+    return {x for x in lines if not re.search(r"\\CLASSES\\WOW6432NODE\\TYPELIB|CLASSES\\INSTALLER|"
+                                              r"CURRENTVERSION\\INSTALLER", x)}
+
+
+def unescape(s):
+    """The registry file's C-style escapes: \\xHHHH (1 to 4 digits), \\n, \\\\, \\" ..."""
+    return re.sub(r"\\(x[0-9a-fA-F]{1,4}|.)", lambda m: chr(int(m.group(1)[1:], 16)) if m.group(1)[0] == "x"
+                  and len(m.group(1)) > 1 else {"n": "\n", "r": "\r", "t": "\t", "0": "\0"}.get(m.group(1), m.group(1)), s)
+
+
+def view(key, arch):
+    if arch != "x86":
+        return key
+    hive, _, rest = key.partition("\\SOFTWARE")
+    for shadow, plain in (("\\CLASSES\\WOW6432NODE", "\\CLASSES"), ("\\WOW6432NODE", "")):
+        if rest == shadow or rest.startswith(shadow + "\\"):
+            return hive + "\\SOFTWARE" + plain + rest[len(shadow):]
+    if re.match(r"\\CLASSES(\\|$)", rest) and (hive == "HKCU" or not re.match(r"\\CLASSES\\(CLSID|INTERFACE)(\\|$)", rest)):
+        return key  # shared by both views (Wine keeps one view of the user's classes)
+    return "64:" + key
 
 
 def show(title, lines):
@@ -86,7 +110,7 @@ def show(title, lines):
 
 
 def record(arch, hive, folder, before, after):
-    a, b = canon(before), canon(after)
+    a, b = canon(before, arch), canon(after, arch)
     folder = folder.rstrip("\\")
     fix = lambda x: re.sub(re.escape(folder), "<DIR>", x.rstrip("\\") if "\\HELPDIR |" in x else x, flags=re.I)
     want = {fix(x) for x in genmsi.record_lines(ROOT, arch, folder, hive)}
@@ -98,8 +122,8 @@ def record(arch, hive, folder, before, after):
     return bad
 
 
-def same(before, after):
-    a, b = canon(before), canon(after)
+def same(arch, before, after):
+    a, b = canon(before, arch), canon(after, arch)
     return show("appeared", b - a) | show("vanished", a - b)
 
 
