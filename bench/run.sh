@@ -6,15 +6,17 @@
 #   bench/run.sh --smoke   every benchmark for a moment, no timing assertions,
 #                          report written to build/bench-smoke/ (CI)
 #
-# Build directories (configured on first use, then only rebuilt):
-#   build/bench-native    native release build (-O2) of bench/core_bench
-#   build/bench-win-x64   mingw x64 build of Valmetra-445.Dll and
-#                         bench/windows/valmetra_com_bench.exe
-#   build/bench-win-x86   the same for x86, only where a 32-bit Wine runs
+# Build directories: the release presets the tests use (-O2 -DNDEBUG), so a
+# benchmark measures the very DLL that was tested and nothing is compiled twice:
+#   build/native-release  bench/core_bench
+#   build/win-x64         Valmetra-445.Dll and bench/windows/valmetra_com_bench.exe
+#   build/win-x86         the same for x86, run by the 32-bit Wine that
+#                         tools/wine32/provide.sh makes available
 #   build/wine-bench      the Wine prefix (created on first use; x86:
 #                         build/wine-bench-x86); the DLL is loaded from its
 #                         path, nothing is registered
-# Raw results: build/bench-*/results.txt (the RESULT/NOTE lines of each run).
+# Raw results: build/bench-smoke/ or build/bench/, <side>.txt (the RESULT/NOTE
+# lines of each run).
 # The run fails when a benchmark program fails (its checks of the results of
 # both sides of every ratio); goals that are missed are reported, not failed.
 set -euo pipefail
@@ -32,75 +34,72 @@ export WINEDEBUG=-all
 export WINEDLLOVERRIDES="mscoree,mshtml="  # no Mono/Gecko prompts when the prefix is made
 
 if [ $MODE = smoke ]; then
-  OUT_DIR=$ROOT/build/bench-smoke
+  OUT_DIR=$ROOT/build/bench-smoke RAW=$ROOT/build/bench-smoke
 else
-  OUT_DIR=$ROOT/docs
+  OUT_DIR=$ROOT/docs RAW=$ROOT/build/bench
 fi
-mkdir -p "$OUT_DIR"
+mkdir -p "$OUT_DIR" "$RAW"
 
 say() { echo "== $*"; }
 
-# configure <build dir> <cmake args...>: once; later runs only build.
-configure() {
-  local dir=$1
+# build <preset> <target...>: configure the preset on first use, then only rebuild.
+build() {
+  local preset=$1 log=$ROOT/build/bench-$1.log
   shift
-  if [ ! -f "$dir/CMakeCache.txt" ]; then
-    cmake -S "$ROOT" -B "$dir" "$@" >"$dir.configure.log" 2>&1 || {
-      cat "$dir.configure.log"
-      exit 1
-    }
-  fi
+  mkdir -p "$ROOT/build"
+  { [ -f "$ROOT/build/$preset/CMakeCache.txt" ] || cmake --preset "$preset"; } >"$log" 2>&1 &&
+    cmake --build --preset "$preset" -j "$JOBS" --target "$@" >>"$log" 2>&1 || {
+    cat "$log"
+    exit 1
+  }
 }
 
 winpath() { echo "Z:$(echo "$1" | tr '/' '\\')"; }
 
 # --- native ---------------------------------------------------------------------
-NATIVE=$ROOT/build/bench-native
-say "native build ($NATIVE)"
-configure "$NATIVE" -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG" \
-  -DCMAKE_CXX_COMPILER=g++ -DVALMETRA_TESTS=OFF
-cmake --build "$NATIVE" -j "$JOBS" --target core_bench >/dev/null
+say "native build (build/native-release)"
+build native-release core_bench
 say "native run"
-"$NATIVE/bench/core_bench" "${BENCH_ARGS[@]}" >"$NATIVE/results.txt"
-RESULTS=("native=$NATIVE/results.txt")
+"$ROOT/build/native-release/bench/core_bench" "${BENCH_ARGS[@]}" >"$RAW/native.txt"
+RESULTS=("native=$RAW/native.txt")
 
 # --- Windows under Wine -----------------------------------------------------------
-run_windows() {  # run_windows <arch> <toolchain> <winearch>
-  local arch=$1 toolchain=$2 winearch=$3 dir prefix dll exe
-  dir=$ROOT/build/bench-win-$arch
-  case $arch in
-    x64) prefix=$ROOT/build/wine-bench ;;
-    *) prefix=$ROOT/build/wine-bench-$arch ;;
-  esac
-  say "windows $arch build ($dir)"
-  configure "$dir" -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/$toolchain" -DCMAKE_BUILD_TYPE=Release \
-    "-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG" -DVALMETRA_TESTS=OFF
-  cmake --build "$dir" -j "$JOBS" --target valmetra_dll valmetra_com_bench >/dev/null
+run_windows() {  # run_windows <arch>
+  local arch=$1 dir=$ROOT/build/win-$1 prefix=$ROOT/build/wine-bench dll exe
+  [ "$arch" = x64 ] || prefix=$ROOT/build/wine-bench-$arch
+  say "windows $arch build (build/win-$arch)"
+  build "win-$arch" valmetra_dll valmetra_com_bench
   dll=$dir/src/hosting/Valmetra-445.Dll
   exe=$dir/bench/windows/valmetra_com_bench.exe
   if [ ! -f "$prefix/system.reg" ]; then
     say "creating Wine prefix $prefix"
     mkdir -p "$prefix"
-    WINEPREFIX=$prefix WINEARCH=$winearch wineboot -i >/dev/null 2>&1
+    WINEPREFIX=$prefix wineboot -i >/dev/null 2>&1
     WINEPREFIX=$prefix wineserver -w
   fi
   say "windows $arch run (Wine $(wine --version 2>/dev/null))"
-  WINEPREFIX=$prefix wine "$exe" "$(winpath "$dll")" "${BENCH_ARGS[@]}" | tr -d '\r' >"$dir/results.txt"
+  WINEPREFIX=$prefix wine "$exe" "$(winpath "$dll")" "${BENCH_ARGS[@]}" | tr -d '
+' >"$RAW/wine-$arch.txt"
   WINEPREFIX=$prefix wineserver -w
-  RESULTS+=("wine-$arch=$dir/results.txt")
+  RESULTS+=("wine-$arch=$RAW/wine-$arch.txt")
 }
 
 if ! command -v wine >/dev/null; then
   echo "wine is not installed (make deps installs it)" >&2
   exit 1
 fi
-run_windows x64 mingw-x86_64.cmake win64
-# A 32-bit Wine needs the i386 loader and its PE DLLs (package wine32:i386).
+run_windows x64
+# x86: the system's 32-bit Wine, or the private one tools/wine32 provides
+# (natively where the kernel runs i386 programs, else under qemu-i386).
 X86_NOTE="ran"
-if [ -e /usr/lib/wine/wine ] && [ -e /usr/lib/i386-linux-gnu/wine/i386-windows/ntdll.dll ]; then
-  run_windows x86 mingw-i686.cmake win32
+if W32BIN=$("$ROOT/tools/wine32/provide.sh"); then
+  if [ -n "$W32BIN" ]; then
+    if [ "${VALMETRA_WINE32_EMULATE:-0}" != 1 ] && [ -f "$W32BIN/../root/native" ]; then X86_NOTE="ran with the private 32-bit Wine of tools/wine32, native i386"
+    else X86_NOTE="ran with the private 32-bit Wine of tools/wine32 under qemu-i386 emulation (slower than the machine)"; fi
+  fi
+  PATH="$W32BIN${W32BIN:+:}$PATH" run_windows x86
 else
-  X86_NOTE="not run: no 32-bit Wine on this machine (wine32:i386 is not installed)"
+  X86_NOTE="not run: tools/wine32/provide.sh could not provide a 32-bit Wine"
   say "x86: $X86_NOTE"
 fi
 
