@@ -47,7 +47,10 @@ test-smoke: deps
 	tests/fuzz/run.sh --smoke
 	bench/run.sh --smoke
 
-test: test-native test-windows test-smoke
+# The builds one after another (they need both cores), then the Windows suites
+# (x64 and x86), deployment, fuzzing and benchmark smoke runs side by side.
+test: test-native windows
+	tests/run-suites.sh
 
 # The main job: the Windows build, registered into a private Wine prefix and
 # driven by the host scripts of examples/.

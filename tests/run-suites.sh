@@ -1,0 +1,34 @@
+#!/bin/bash
+# Runs the suites that follow the builds side by side (most of their time is
+# Wine starting processes, not computing), each into its own log under
+# build/logs/, then prints every log whole, in order, and a line per suite.
+# Exit 1 when any suite fails. Used by `make test`; the suites run alone too.
+set -uo pipefail
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+LOGS=$ROOT/build/logs
+mkdir -p "$LOGS"
+SUITES=(
+  "windows|tests/windows/run.sh"
+  "deployment|tests/deploy/run.sh"
+  "fuzz smoke|tests/fuzz/run.sh --smoke"
+  "bench smoke|bench/run.sh --smoke"
+)
+start=$(date +%s)
+pids=()
+for i in "${!SUITES[@]}"; do
+  (t0=$(date +%s); cd "$ROOT" && ${SUITES[$i]#*|} >"$LOGS/$i.log" 2>&1; rc=$?
+   echo "$rc $(( $(date +%s) - t0 ))" >"$LOGS/$i.rc") &
+  pids+=($!)
+done
+wait "${pids[@]}"
+failed=0 summary=()
+for i in "${!SUITES[@]}"; do
+  name=${SUITES[$i]%%|*}
+  read -r rc secs <"$LOGS/$i.rc" || rc=1 secs=?
+  echo "===== $name (${SUITES[$i]#*|})"
+  cat "$LOGS/$i.log"
+  if [ "$rc" = 0 ]; then summary+=("  ok    $name ($secs s)"); else summary+=("  FAIL  $name ($secs s, exit $rc)"); failed=1; fi
+done
+echo "===== suites ($(( $(date +%s) - start )) s side by side)"
+printf '%s\n' "${summary[@]}"
+exit $failed
