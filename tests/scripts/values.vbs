@@ -97,7 +97,7 @@ On Error Resume Next
 x = b.Pop()
 CheckError 5, "The value history holds no Boolean", "ValueStack", "Boolean history empty"
 b.Drop
-CheckNoError "BooleanData Drop does not touch the history"
+CheckError 0, "", "", "BooleanData Drop does not touch the history"
 On Error GoTo 0
 
 Finish "values.vbs"
