@@ -2,6 +2,8 @@
 
 #include <limits>
 
+#include "hosting/com/error.h"
+
 namespace valmetra::com {
 
 namespace {
@@ -26,15 +28,40 @@ std::u16string to_u16string(BSTR text) {
   return std::u16string(reinterpret_cast<const char16_t*>(text), SysStringLen(text));
 }
 
-valmetra::Variant to_core_variant(const VARIANT& value) {
-  if ((value.vt & VT_BYREF) && !value.byref) return {};
-  if (value.vt == (VT_BYREF | VT_VARIANT)) {
-    // One level only: a reference to a Variant that is itself a reference
-    // to a Variant is malformed (and may refer to itself).
-    const VARIANT& inner = *value.pvarVal;
-    if (inner.vt == (VT_BYREF | VT_VARIANT)) return {};
-    return to_core_variant(inner);
+namespace {
+
+bool is_host_type(VARTYPE base) noexcept {
+  return (base <= VT_DECIMAL && base != VT_VARIANT) || (base >= VT_I1 && base <= VT_UINT);
+}
+
+HRESULT check_one(const VARIANT& value) noexcept {
+  const VARTYPE vt = value.vt;
+  const VARTYPE base = vt & VT_TYPEMASK;
+  if (vt & ~(VT_TYPEMASK | VT_BYREF | VT_ARRAY)) return DISP_E_BADVARTYPE;
+  if (vt & VT_ARRAY) {
+    if (base == VT_EMPTY || base == VT_NULL || !(is_host_type(base) || base == VT_VARIANT)) return DISP_E_BADVARTYPE;
+    return DISP_E_TYPEMISMATCH;
   }
+  if (vt & VT_BYREF) {
+    if (base == VT_EMPTY || base == VT_NULL || !(is_host_type(base) || base == VT_VARIANT)) return DISP_E_BADVARTYPE;
+    return value.byref ? S_OK : DISP_E_TYPEMISMATCH;
+  }
+  return is_host_type(base) ? S_OK : DISP_E_BADVARTYPE;
+}
+
+}  // namespace
+
+HRESULT check_argument(const VARIANT& value) noexcept {
+  const HRESULT hr = check_one(value);
+  if (FAILED(hr) || value.vt != (VT_BYREF | VT_VARIANT)) return hr;
+  const VARIANT& inner = *value.pvarVal;
+  if (inner.vt == (VT_BYREF | VT_VARIANT)) return DISP_E_TYPEMISMATCH;
+  return check_one(inner);
+}
+
+valmetra::Variant to_core_variant(const VARIANT& value) {
+  if (const HRESULT hr = check_argument(value); FAILED(hr)) raise_platform_failure(hr);
+  if (value.vt == (VT_BYREF | VT_VARIANT)) return to_core_variant(*value.pvarVal);
   if (value.vt & VT_BYREF) {
     Variant copy;
     if (FAILED(VariantCopyInd(copy.get(), const_cast<VARIANT*>(&value)))) return {};

@@ -10,8 +10,8 @@
 //   VT_R4                                          -> Single
 //   VT_R8, VT_CY, VT_DATE, VT_DECIMAL              -> Double
 //   VT_BSTR                                        -> text
-// A by-reference VARIANT is read through its reference; a null reference,
-// and a reference to a Variant that is itself such a reference, are empty.
+// A by-reference VARIANT is read through its reference (one level for a
+// VT_BYREF|VT_VARIANT). Every incoming VARIANT passes check_argument first.
 // The way back maps empty/Integer/Long/Single/Double/text to
 // VT_EMPTY/VT_I2/VT_I4/VT_R4/VT_R8/VT_BSTR.
 #pragma once
@@ -42,6 +42,33 @@ inline std::u16string_view text_view(BSTR text) noexcept {
 // Throws std::bad_alloc when it cannot be allocated.
 [[nodiscard]] BSTR make_bstr(const valmetra::SizedText& text);
 
+// Whether an incoming argument may be read. Its type code is checked before
+// its value is read, a pointer in it followed, or it is handed to a platform
+// function (VariantCopyInd, VariantChangeType(Ex), VariantClear):
+//   S_OK                 VT_EMPTY, VT_NULL, VT_I2 ... VT_DECIMAL except
+//                        VT_VARIANT, VT_I1 ... VT_UINT (VT_I8 and VT_UI8
+//                        included), by value; the same but VT_EMPTY and
+//                        VT_NULL with VT_BYREF and a non-null pointer;
+//                        VT_BYREF|VT_VARIANT whose Variant is, by these
+//                        rules, one of the former (one level only).
+//   DISP_E_BADVARTYPE    not a type code a host passes: an unknown base
+//                        type (VT_RECORD and VT_VOID, VT_HRESULT and the
+//                        other type-description codes included), VT_VARIANT
+//                        by value, VT_BYREF|VT_EMPTY, VT_BYREF|VT_NULL,
+//                        VT_VECTOR, VT_RESERVED or any other high bit, an
+//                        array of Empty, Null or an unknown type.
+//   DISP_E_TYPEMISMATCH  a null reference (VT_BYREF with a null pointer,
+//                        also inside a VT_BYREF|VT_VARIANT); an array of a
+//                        valid element type (no parameter takes one); a
+//                        reference to a Variant that is itself a reference
+//                        to a Variant.
+// Only the VARIANT's own fields and, for VT_BYREF|VT_VARIANT, the type code
+// and pointer of the Variant it refers to are read.
+HRESULT check_argument(const VARIANT& value) noexcept;
+
+// The argument as a core Variant. Throws the error of check_argument's
+// failure (DISP_E_BADVARTYPE or DISP_E_TYPEMISMATCH with the system's text)
+// for an argument it refuses.
 valmetra::Variant to_core_variant(const VARIANT& value);
 
 // Writes `value` into `out`, which must hold nothing owned (VariantInit'ed).

@@ -39,17 +39,14 @@ struct Temps {
 
 // Converts one argument that is not of the declared type.
 HRESULT load_converted(const Param& p, const VARIANT& source, Arg& a, Temps& temps, unsigned i, LCID lcid) noexcept {
-  const VARIANT* v = &source;
-  if (v->vt == (VT_BYREF | VT_VARIANT)) {
-    v = v->pvarVal;
-    if (!v) return DISP_E_TYPEMISMATCH;
-  }
+  // check_argument has accepted `source`: a reference is not null, and a
+  // referred Variant is of a type a host passes.
+  const VARIANT* v = source.vt == (VT_BYREF | VT_VARIANT) ? source.pvarVal : &source;
   if (is_missing(*v)) return DISP_E_PARAMNOTOPTIONAL;
   // A written-back parameter needs a variable it can write: a reference to
   // its own type or to a Variant (or a plain value, whose copy is lost).
   if (p.passing == Passing::InOut && (source.vt & VT_BYREF) && source.vt != (VT_BYREF | VT_VARIANT))
     return DISP_E_TYPEMISMATCH;
-  if ((v->vt & VT_BYREF) && !v->byref) return DISP_E_TYPEMISMATCH;
   VARIANT& temp = temps.take(i);
   const HRESULT hr =
       VariantChangeTypeEx(&temp, const_cast<VARIANT*>(v), lcid ? lcid : LOCALE_USER_DEFAULT, 0, p.type);
@@ -125,8 +122,11 @@ HRESULT invoke_general(const Member& m, void* self, LCID lcid, DISPPARAMS* param
   for (unsigned i = 0; i < n; ++i) {
     const UINT position = n - 1 - i;  // rgvarg holds the arguments last first
     const VARIANT& source = params->rgvarg[position];
-    if (load_exact(m.params[i], source, args[i])) continue;
-    const HRESULT hr = load_converted(m.params[i], source, args[i], temps, i, lcid);
+    HRESULT hr = check_argument(source);
+    if (SUCCEEDED(hr)) {
+      if (load_exact(m.params[i], source, args[i])) continue;
+      hr = load_converted(m.params[i], source, args[i], temps, i, lcid);
+    }
     if (FAILED(hr)) {
       if (arg_error) *arg_error = position;
       return hr;

@@ -26,9 +26,14 @@
 //   VT_BYREF|VT_VARIANT, is used as it is; any other is converted with
 //   VariantChangeTypeEx (text such as "5" included) into a temporary; a
 //   failed conversion returns its DISP_E_TYPEMISMATCH or DISP_E_OVERFLOW.
-//   A null reference (VT_BYREF with a null pointer, also inside a
-//   VT_BYREF|VT_VARIANT) is DISP_E_TYPEMISMATCH for every parameter, a
-//   Variant parameter included.
+// - Every argument passes check_argument (convert.h) before anything else
+//   reads it: a malformed one (a type code that is none a host passes,
+//   VT_VARIANT by value, VT_VECTOR, unknown high bits) fails with
+//   DISP_E_BADVARTYPE; a null reference (VT_BYREF with a null pointer, also
+//   inside a VT_BYREF|VT_VARIANT), an array, and a reference to a reference
+//   to a Variant with DISP_E_TYPEMISMATCH; for every parameter, a Variant
+//   parameter included. Nothing of such an argument is read beyond its type
+//   code and pointer, nothing is written or released, the call is not made.
 //   *puArgErr names the argument of every argument failure.
 // - Converting an object argument calls its value member, which may call
 //   back into the object or release the caller's last reference to it: the
@@ -51,6 +56,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+
+#include "hosting/com/convert.h"
 
 // The inline paths are meant to be inlined into each object's Invoke and
 // GetIDsOfNames: one call less on every late-bound call.
@@ -356,7 +363,8 @@ void write_back(const Param& param, const Arg& value, VARIANT& source) noexcept;
 void discard_result(VARTYPE type, Arg& value) noexcept;
 
 // typed::load for a parameter type known at run time; a Variant parameter
-// borrows the argument (a missing one and a null reference refused).
+// borrows the argument (a missing one and one check_argument refuses left
+// to the general path, which answers them).
 VALMETRA_HOT_INLINE bool load_exact(const Param& p, const VARIANT& source, Arg& a) noexcept {
   switch (p.type) {
     case VT_I2: return typed::load<VT_I2>(source, a.i2);
@@ -368,13 +376,9 @@ VALMETRA_HOT_INLINE bool load_exact(const Param& p, const VARIANT& source, Arg& 
     case VT_VARIANT: break;
     default: return false;
   }
-  const VARIANT* v = &source;
-  if (v->vt == (VT_BYREF | VT_VARIANT)) {
-    v = v->pvarVal;
-    if (!v) return false;
-  }
+  if (FAILED(check_argument(source))) return false;
+  const VARIANT* v = source.vt == (VT_BYREF | VT_VARIANT) ? source.pvarVal : &source;
   if (v->vt == VT_ERROR && v->scode == DISP_E_PARAMNOTFOUND) return false;
-  if ((v->vt & VT_BYREF) && !v->byref) return false;  // a null reference is refused
   a.var = *v;  // borrowed for the call, as a by-value VARIANT is
   return true;
 }
