@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -114,5 +115,58 @@ HRESULT put(IDispatch* object, const wchar_t* name, VARIANT value);
 double get_number(IDispatch* object, const wchar_t* name);
 
 std::wstring text_of(BSTR b);
+
+// A caller's object with an exact reference count. Asked for its value
+// (DISPID_VALUE, which is what the Automation runtime does to convert an
+// object to a number or text), it runs `on_value` first and answers
+// `value`.
+class Probe final : public IDispatch {
+ public:
+  std::function<void()> on_value;
+  SHORT value = 10;
+  int value_calls = 0;
+
+  ULONG refs() const { return refs_; }
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** object) override {
+    if (riid == IID_IUnknown || riid == IID_IDispatch) {
+      *object = static_cast<IDispatch*>(this);
+      AddRef();
+      return S_OK;
+    }
+    *object = nullptr;
+    return E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
+  // The test owns the probe; a count below one is a fault of the library.
+  ULONG STDMETHODCALLTYPE Release() override {
+    EXPECT_GT(refs_, 1u) << "the library released a reference it did not own";
+    return refs_ > 0 ? --refs_ : 0;
+  }
+  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
+    *count = 0;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
+    return DISP_E_UNKNOWNNAME;
+  }
+  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS*, VARIANT* result, EXCEPINFO*,
+                                   UINT*) override {
+    if (id != DISPID_VALUE) return DISP_E_MEMBERNOTFOUND;
+    ++value_calls;
+    if (on_value) on_value();
+    if (result) {
+      VariantInit(result);
+      result->vt = VT_I2;
+      result->iVal = value;
+    }
+    return S_OK;
+  }
+
+ private:
+  ULONG refs_ = 1;
+};
+
 
 }  // namespace vt

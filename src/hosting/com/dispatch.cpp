@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "frame/fp.h"
 #include "hosting/com/error.h"
 #include "hosting/com/raii.h"
 
@@ -48,8 +49,14 @@ HRESULT load_converted(const Param& p, const VARIANT& source, Arg& a, Temps& tem
   if (p.passing == Passing::InOut && (source.vt & VT_BYREF) && source.vt != (VT_BYREF | VT_VARIANT))
     return DISP_E_TYPEMISMATCH;
   VARIANT& temp = temps.take(i);
-  const HRESULT hr =
-      VariantChangeTypeEx(&temp, const_cast<VARIANT*>(v), lcid ? lcid : LOCALE_USER_DEFAULT, 0, p.type);
+  HRESULT hr;
+  {
+    // The conversion computes with floating values (2.5 to Integer rounds):
+    // in the default environment, so that no exception the host unmasked
+    // traps and its rounding mode does not change the result.
+    const fp::Scope scope(fp::Units::WithX87);
+    hr = VariantChangeTypeEx(&temp, const_cast<VARIANT*>(v), lcid ? lcid : LOCALE_USER_DEFAULT, 0, p.type);
+  }
   if (FAILED(hr)) return hr == E_INVALIDARG || hr == DISP_E_BADVARTYPE ? DISP_E_TYPEMISMATCH : hr;
   switch (p.type) {
     case VT_BSTR: a.bstr = temp.bstrVal; break;

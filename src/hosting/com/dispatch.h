@@ -24,7 +24,8 @@
 //   DISP_E_PARAMNOTFOUND) fails with DISP_E_PARAMNOTOPTIONAL.
 // - An argument of the declared type, by value, by reference, or inside a
 //   VT_BYREF|VT_VARIANT, is used as it is; any other is converted with
-//   VariantChangeTypeEx (text such as "5" included) into a temporary; a
+//   VariantChangeTypeEx (text such as "5" included; in the default
+//   floating-point environment, whatever the host's) into a temporary; a
 //   failed conversion returns its DISP_E_TYPEMISMATCH or DISP_E_OVERFLOW.
 // - Every argument passes check_argument (convert.h) before anything else
 //   reads it: a malformed one (a type code that is none a host passes,

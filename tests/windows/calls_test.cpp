@@ -1,0 +1,616 @@
+// Every entry of every class, and of the value history component, called
+// late-bound with every argument form of one input pool, one parameter at a
+// time (the others get a plain value of their type). Each call runs twice on
+// fresh twin objects: through the object's own Invoke in the default
+// floating-point environment, and through the table path (com::invoke over
+// the catalogue's member table, calling the vtable; the value history
+// component: its Invoke again) in a host environment with every floating
+// exception unmasked and another rounding mode. Checked for every call:
+//  - the answer is a defined HRESULT, and both calls give the same answer,
+//    result, exception code, argument error, written-back arguments and
+//    object state (so the typed path equals the table path, and nothing
+//    depends on the host's floating environment);
+//  - no floating trap reaches the host; its environment is left bit for bit;
+//  - a failed call changes neither the object nor the caller's arguments;
+//  - a malformed argument gets the answer of its row, names the argument and
+//    is not read beyond its type code (the forms point at address 1).
+// A seeded random phase then makes malformed calls of every shape
+// (VALMETRA_HOSTILE_SECONDS, default 3; VALMETRA_HOSTILE_SEED replays one).
+#include <float.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "hosting/com/dispatch.h"
+#include "leaks.h"
+#include "support.h"
+// clang-format off
+#include <initguid.h>
+#include "valuestack.h"
+// clang-format on
+
+namespace vt {
+namespace {
+
+using valmetra::com::Arg;
+using valmetra::com::DispatchTable;
+using valmetra::com::Kind;
+using valmetra::com::Member;
+using valmetra::com::Param;
+using valmetra::com::Passing;
+
+// ------------------------------------------------------------ floating environment
+
+struct FpState {
+  std::uint32_t mxcsr;
+  std::uint16_t control, status;  // x87
+  bool operator==(const FpState& o) const {
+    // Exception flags, stack fault, error summary and stack top are kept;
+    // the condition codes are scratch for every x87 instruction.
+    return mxcsr == o.mxcsr && control == o.control && (status & 0x38FF) == (o.status & 0x38FF);
+  }
+};
+[[gnu::always_inline]] inline FpState read_fp() {
+  FpState s;
+  asm volatile("stmxcsr %0" : "=m"(s.mxcsr) : : "memory");
+  asm volatile("fnstcw %0" : "=m"(s.control) : : "memory");
+  asm volatile("fnstsw %0" : "=m"(s.status) : : "memory");
+  return s;
+}
+// Clears the x87 flags first: with unmasked exceptions a pending flag traps.
+[[gnu::always_inline]] inline void load_fp(std::uint32_t mxcsr, std::uint16_t control) {
+  asm volatile("fnclex" : : : "memory");
+  asm volatile("fldcw %0" : : "m"(control) : "memory");
+  asm volatile("ldmxcsr %0" : : "m"(mxcsr) : "memory");
+}
+constexpr std::uint32_t kDefaultMxcsr = 0x1F80;
+constexpr std::uint16_t kDefaultControl = 0x027F;
+// Every exception unmasked in both units, another rounding mode in each;
+// sticky flags to keep; flush to zero and denormals are zero; x87 64-bit.
+constexpr struct { std::uint32_t mxcsr; std::uint16_t control; } kHosts[] = {
+    {0x4100, 0x0A40}, {0x6000 | 0x0030, 0x0E40}, {0x2000 | 0x8000 | 0x0040, 0x0740}};
+
+std::atomic<int> g_traps{0};
+LONG CALLBACK on_trap(EXCEPTION_POINTERS* info) {
+  const DWORD code = info->ExceptionRecord->ExceptionCode;
+  if (!((code >= EXCEPTION_FLT_DENORMAL_OPERAND && code <= EXCEPTION_FLT_UNDERFLOW) || code == 0xC00002B4 ||
+        code == 0xC00002B5))
+    return EXCEPTION_CONTINUE_SEARCH;
+  ++g_traps;  // masks everything and lets the instruction run again
+  CONTEXT* c = info->ContextRecord;
+#ifdef _WIN64
+  c->MxCsr = c->FltSave.MxCsr = kDefaultMxcsr;
+  c->FltSave.ControlWord = kDefaultControl;
+  c->FltSave.StatusWord = 0;
+#else
+  c->FloatSave.ControlWord = kDefaultControl;
+  c->FloatSave.StatusWord = 0;
+  const DWORD mxcsr = kDefaultMxcsr;
+  std::memcpy(c->ExtendedRegisters + 24, &mxcsr, sizeof mxcsr);
+#endif
+  return EXCEPTION_CONTINUE_EXECUTION;
+}
+
+// ------------------------------------------------------------ the entries
+
+struct Entry {
+  std::string name;
+  DISPID id;
+  WORD flags;
+  std::vector<Param> params;
+  const Member* member;  // the table path's entry; null for the value history
+};
+struct ClassDesc {
+  std::string name;
+  const Dll* dll;
+  CLSID clsid;
+  IID iid;
+  const DispatchTable* table;
+  std::vector<Entry> entries;
+  std::vector<DISPID> state;  // the parameterless gets
+};
+
+std::string narrow(const wchar_t* w) { return std::string(w, w + wcslen(w)); }
+WORD flags_of(Kind k) {
+  return k == Kind::Method ? DISPATCH_METHOD : k == Kind::Get ? DISPATCH_PROPERTYGET : DISPATCH_PROPERTYPUT;
+}
+
+ComPtr<IDispatch> make(const ClassDesc& c) {
+  ComPtr<IClassFactory> factory;
+  ComPtr<IDispatch> out;
+  if (c.dll->get_class_object(c.clsid, IID_IClassFactory, factory.put_void()) == S_OK)
+    factory->CreateInstance(nullptr, c.iid, out.put_void());
+  return out;
+}
+
+std::string seen(const VARIANT& v, bool readable, int depth = 0, bool raw = true);
+std::string read(IDispatch* o, DISPID id) {
+  Call call;
+  invoke(call, o, id, DISPATCH_PROPERTYGET, {});
+  return std::to_string(call.hr) + "=" + seen(*call.result.get(), true) + " ";
+}
+
+// The catalogue's classes from their member tables; the value history
+// component's entries from its type information (names live beside it).
+const std::vector<ClassDesc>& classes() {
+  static const std::vector<ClassDesc> all = [] {
+    std::vector<ClassDesc> out;
+    for (std::size_t i = 0; i < kClassCount; ++i) {
+      const auto& k = kClasses[i];
+      ClassDesc c{narrow(k.name), &library(), k.clsid, k.iid, k.table, {}, {}};
+      for (unsigned j = 0; j < k.table->count; ++j) {
+        const Member& m = k.table->members[j];
+        c.entries.push_back({c.name + "." + narrow(m.name) + (m.kind == Kind::Put ? "=" : ""), m.dispid,
+                             flags_of(m.kind), {m.params, m.params + m.param_count}, &m});
+        if (m.kind == Kind::Get && m.param_count == 0) c.state.push_back(m.dispid);
+      }
+      out.push_back(std::move(c));
+    }
+    ClassDesc vs{"ValueStack", &value_stack(), CLSID_ValueStack, IID__ValueStack, nullptr, {}, {}};
+    ComPtr<IDispatch> o = make(vs);
+    ComPtr<ITypeInfo> info;
+    TYPEATTR* attr = nullptr;
+    if (o && o->GetTypeInfo(0, 0, info.put()) == S_OK && info->GetTypeAttr(&attr) == S_OK) {
+      for (UINT f = 0; f < attr->cFuncs; ++f) {
+        FUNCDESC* fd = nullptr;
+        if (info->GetFuncDesc(f, &fd) != S_OK) continue;
+        Bstr name;
+        UINT n = 0;
+        info->GetNames(fd->memid, name.put(), 1, &n);
+        Entry e{"ValueStack." + narrow(name.get()), fd->memid, static_cast<WORD>(fd->invkind), {}, nullptr};
+        for (SHORT p = 0; p < fd->cParams; ++p) {
+          const ELEMDESC& d = fd->lprgelemdescParam[p];
+          const bool ref = d.tdesc.vt == VT_PTR;
+          const bool written = d.paramdesc.wParamFlags & PARAMFLAG_FOUT;
+          if (written && (d.paramdesc.wParamFlags & PARAMFLAG_FRETVAL)) continue;
+          e.params.push_back({L"", ref ? d.tdesc.lptdesc->vt : d.tdesc.vt,
+                              written ? Passing::InOut : ref ? Passing::Ref : Passing::Value});
+        }
+        if (!(fd->wFuncFlags & FUNCFLAG_FRESTRICTED)) {  // IUnknown's and IDispatch's are
+          vs.entries.push_back(e);
+          if (fd->invkind == INVOKE_PROPERTYGET && e.params.empty()) vs.state.push_back(fd->memid);
+        }
+        info->ReleaseFuncDesc(fd);
+      }
+      info->ReleaseTypeAttr(attr);
+    }
+    EXPECT_EQ(vs.entries.size(), 34u) << "the value history's type information";
+    out.push_back(std::move(vs));
+    // A get that changes the object (ValueAfterIncrement: its second read
+    // differs from its first) is no part of its state, which is read
+    // before and after every call.
+    for (ClassDesc& c : out) {
+      ComPtr<IDispatch> fresh = make(c);
+      std::erase_if(c.state, [&](DISPID id) { return read(fresh.get(), id) != read(fresh.get(), id); });
+    }
+    return out;
+  }();
+  return all;
+}
+
+// ------------------------------------------------------------ argument forms
+
+// A caller's storage for one argument: what a by-reference form points at.
+// The Variant a VT_BYREF|VT_VARIANT refers to may be rewritten by a call
+// (a written-back parameter) and is cleared here.
+struct Store {
+  SHORT i2 = 0;
+  LONG i4 = 0;
+  FLOAT r4 = 0;
+  DOUBLE r8 = 0;
+  VARIANT_BOOL b = 0;
+  BSTR text = nullptr;
+  VARIANT inner{};
+  DECIMAL dec{};
+  SAFEARRAY* array = nullptr;
+  VARIANT top{};  // the argument itself
+  ~Store() {
+    Bstr::adopt(text).reset();
+    if (inner.vt == VT_BSTR) VariantClear(&inner);  // may point anywhere else
+    if (array) SafeArrayDestroy(array);
+  }
+};
+
+struct Form {
+  const char* name;
+  std::function<void(Store&, VARIANT&)> make;
+  HRESULT refused = S_OK;  // the answer for a malformed argument
+  bool readable = true;    // its pointers may be followed by the test
+};
+
+VARIANT value_of(VARTYPE vt) {
+  VARIANT v;
+  VariantInit(&v);
+  v.vt = vt;
+  return v;
+}
+Form scalar(const char* name, VARTYPE vt, double x) {
+  return {name, [vt, x](Store&, VARIANT& v) {
+            v = value_of(VT_R8);
+            v.dblVal = x;
+            if (vt != VT_R8) VariantChangeType(&v, &v, 0, vt);
+          }};
+}
+Form text(const char* name, const wchar_t* t) {
+  return {name, [t](Store&, VARIANT& v) {
+            v = value_of(VT_BSTR);
+            v.bstrVal = SysAllocString(t);
+          }};
+}
+Form bogus(const char* name, VARTYPE vt, HRESULT refused) {
+  return {name, [vt](Store&, VARIANT& v) {
+            v = value_of(vt);
+            v.byref = reinterpret_cast<void*>(1);
+          },
+          refused, false};
+}
+
+Probe& caller_object() {
+  static Probe* p = [] {
+    auto* probe = new Probe;
+    probe->value = 9;
+    return probe;
+  }();
+  return *p;
+}
+
+// Valid values of every type a host passes, by value and by reference, then
+// the malformed ones with the answer each must get.
+std::vector<Form> forms() {
+  std::vector<Form> f = {
+      scalar("I2 7", VT_I2, 7), scalar("I2 -32768", VT_I2, -32768), scalar("I4 70000", VT_I4, 70000),
+      scalar("I4 -1", VT_I4, -1), scalar("R4 1.5", VT_R4, 1.5), scalar("R4 NaN", VT_R4, NAN),
+      scalar("R8 1e300", VT_R8, 1e300), scalar("R8 -0", VT_R8, -0.0), scalar("R8 2.5", VT_R8, 2.5),
+      scalar("R8 inf", VT_R8, INFINITY), scalar("R8 3.4e38", VT_R8, 3.4e38), scalar("R8 denormal", VT_R8, 4e-320),
+      scalar("BOOL true", VT_BOOL, -1), scalar("CY 1.5", VT_CY, 1.5), scalar("DATE 2", VT_DATE, 2),
+      scalar("DECIMAL 3", VT_DECIMAL, 3), scalar("I1 -5", VT_I1, -5), scalar("UI1 200", VT_UI1, 200),
+      scalar("UI2 60000", VT_UI2, 60000), scalar("UI4 4e9", VT_UI4, 4e9), scalar("I8 2^40", VT_I8, 0x1p40),
+      scalar("UI8 2^63", VT_UI8, 0x1p63), scalar("INT 5", VT_INT, 5), scalar("UINT 5", VT_UINT, 5),
+      text("BSTR 5", L"5"), text("BSTR 1,5,9", L"1,5,9"), text("BSTR 3,5", L"3,5"), text("BSTR abc", L"abc"),
+      text("BSTR empty", L""), text("BSTR 1e39", L"1e39"),
+      {"EMPTY", [](Store&, VARIANT& v) { v = value_of(VT_EMPTY); }},
+      {"NULL", [](Store&, VARIANT& v) { v = value_of(VT_NULL); }},
+      {"missing", [](Store&, VARIANT& v) { v = v_missing(); }},
+      {"ERROR 5", [](Store&, VARIANT& v) { v = value_of(VT_ERROR), v.scode = 5; }},
+      // The argument holds a reference, as a caller's variable does.
+      {"DISPATCH caller's", [](Store&, VARIANT& v) {
+         v = value_of(VT_DISPATCH), v.pdispVal = &caller_object(), v.pdispVal->AddRef();
+       }},
+      {"UNKNOWN caller's", [](Store&, VARIANT& v) {
+         v = value_of(VT_UNKNOWN), v.punkVal = &caller_object(), v.punkVal->AddRef();
+       }},
+      {"DISPATCH null", [](Store&, VARIANT& v) { v = value_of(VT_DISPATCH); }},
+      {"BYREF I2", [](Store& s, VARIANT& v) { s.i2 = 3, v = v_ref(&s.i2); }},
+      {"BYREF I4", [](Store& s, VARIANT& v) { s.i4 = 40000, v = v_ref(&s.i4); }},
+      {"BYREF R4", [](Store& s, VARIANT& v) { s.r4 = 0.1f, v = value_of(VT_BYREF | VT_R4), v.pfltVal = &s.r4; }},
+      {"BYREF R8", [](Store& s, VARIANT& v) { s.r8 = -7.5, v = value_of(VT_BYREF | VT_R8), v.pdblVal = &s.r8; }},
+      {"BYREF BOOL", [](Store& s, VARIANT& v) { s.b = -1, v = value_of(VT_BYREF | VT_BOOL), v.pboolVal = &s.b; }},
+      {"BYREF BSTR", [](Store& s, VARIANT& v) {
+         s.text = Bstr(std::wstring_view(L"12")).detach();
+         v = value_of(VT_BYREF | VT_BSTR), v.pbstrVal = &s.text;
+       }},
+      {"BYREF DECIMAL", [](Store& s, VARIANT& v) {
+         VarDecFromI4(-2, &s.dec);
+         v = value_of(VT_BYREF | VT_DECIMAL), v.pdecVal = &s.dec;
+       }},
+      {"BYREF VARIANT I2", [](Store& s, VARIANT& v) { s.inner = v_i2(4), v = v_ref(&s.inner); }},
+      {"BYREF VARIANT BSTR", [](Store& s, VARIANT& v) { s.inner = v_text(L"6"), v = v_ref(&s.inner); }},
+      {"BYREF VARIANT R8", [](Store& s, VARIANT& v) { s.inner = v_r8(1e10), v = v_ref(&s.inner); }},
+      {"BYREF VARIANT BYREF I4", [](Store& s, VARIANT& v) {
+         s.i4 = 2, s.inner = v_ref(&s.i4), v = v_ref(&s.inner);
+       }},
+      {"BYREF VARIANT EMPTY", [](Store& s, VARIANT& v) { s.inner = value_of(VT_EMPTY), v = v_ref(&s.inner); }},
+      // Malformed: null references, references to references (also to
+      // itself), arrays, and type codes no host passes.
+      {"BYREF I2 null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_I2); }, DISP_E_TYPEMISMATCH, false},
+      {"BYREF VARIANT null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_VARIANT); }, DISP_E_TYPEMISMATCH,
+       false},
+      {"BYREF VARIANT to BYREF R8 null", [](Store& s, VARIANT& v) {
+         s.inner = value_of(VT_BYREF | VT_R8), v = v_ref(&s.inner);
+       }, DISP_E_TYPEMISMATCH, false},
+      {"BYREF VARIANT to itself", [](Store& s, VARIANT& v) {
+         s.inner = v_ref(&s.inner), v = v_ref(&s.inner);
+       }, DISP_E_TYPEMISMATCH, false},
+      {"BYREF VARIANT to BYREF VARIANT", [](Store& s, VARIANT& v) {
+         s.top = v_i2(1), s.inner = v_ref(&s.top), v = v_ref(&s.inner);
+       }, DISP_E_TYPEMISMATCH, false},
+      {"BYREF VARIANT to VARIANT", [](Store& s, VARIANT& v) {
+         s.inner = value_of(VT_VARIANT), v = v_ref(&s.inner);
+       }, DISP_E_BADVARTYPE, false},
+      {"BYREF VARIANT to 0x7FFF", [](Store& s, VARIANT& v) {
+         s.inner = value_of(0x7FFF), s.inner.byref = reinterpret_cast<void*>(1), v = v_ref(&s.inner);
+       }, DISP_E_BADVARTYPE, false},
+      {"ARRAY I2", [](Store& s, VARIANT& v) {
+         s.array = SafeArrayCreateVector(VT_I2, 0, 2);
+         v = value_of(VT_ARRAY | VT_I2), v.parray = s.array;
+       }, DISP_E_TYPEMISMATCH, false},
+      bogus("ARRAY I2 at 1", VT_ARRAY | VT_I2, DISP_E_TYPEMISMATCH),
+      bogus("BYREF ARRAY VARIANT at 1", VT_BYREF | VT_ARRAY | VT_VARIANT, DISP_E_TYPEMISMATCH),
+      bogus("VARIANT by value", VT_VARIANT, DISP_E_BADVARTYPE),
+      bogus("BYREF EMPTY", VT_BYREF | VT_EMPTY, DISP_E_BADVARTYPE),
+      bogus("BYREF NULL", VT_BYREF | VT_NULL, DISP_E_BADVARTYPE),
+      bogus("ARRAY EMPTY", VT_ARRAY | VT_EMPTY, DISP_E_BADVARTYPE),
+      bogus("VECTOR I2", VT_VECTOR | VT_I2, DISP_E_BADVARTYPE),
+      bogus("BYREF VECTOR I4", VT_BYREF | VT_VECTOR | VT_I4, DISP_E_BADVARTYPE),
+      bogus("RESERVED I2", VT_RESERVED | VT_I2, DISP_E_BADVARTYPE),
+      bogus("0x7FFF", 0x7FFF, DISP_E_BADVARTYPE),
+      bogus("0xFFFF", 0xFFFF, DISP_E_BADVARTYPE),
+  };
+  // Type codes that are none a host passes, alone, by reference, as arrays.
+  static const std::pair<const char*, VARTYPE> invalid[] = {
+      {"15", 15},         {"VOID", VT_VOID}, {"HRESULT", VT_HRESULT}, {"PTR", VT_PTR},
+      {"USERDEFINED", VT_USERDEFINED}, {"LPWSTR", VT_LPWSTR}, {"RECORD", VT_RECORD}, {"INT_PTR", VT_INT_PTR},
+      {"FILETIME", VT_FILETIME}, {"CLSID", VT_CLSID}, {"0xFFF", 0xFFF}};
+  static std::vector<std::string> names;
+  if (names.empty())
+    for (const auto& [n, vt] : invalid)
+      for (const char* bits : {"", "BYREF ", "ARRAY ", "BYREF ARRAY "}) names.push_back(std::string(bits) + n);
+  std::size_t k = 0;
+  for (const auto& [n, vt] : invalid)
+    for (int bits : {0, 0x4000, 0x2000, 0x6000})  // by reference, array
+      f.push_back(bogus(names[k++].c_str(), static_cast<VARTYPE>(vt | bits), DISP_E_BADVARTYPE));
+  return f;
+}
+
+// A plain value of the parameter's type, in the form it is declared.
+void plain(const Param& p, Store& s, VARIANT& v) {
+  const VARTYPE t = p.type == VT_VARIANT ? VARTYPE{VT_I2} : p.type;
+  if (p.passing == Passing::Value || p.type == VT_VARIANT) {
+    v = p.type == VT_BSTR ? v_text(L"2") : v_i2(2);
+    if (t != VT_I2 && t != VT_BSTR) VariantChangeType(&v, &v, 0, t);
+    return;
+  }
+  s.inner = p.type == VT_BSTR ? v_text(L"2") : v_i2(2);
+  if (t != VT_I2 && t != VT_BSTR) VariantChangeType(&s.inner, &s.inner, 0, t);
+  v = v_ref(&s.inner);
+}
+
+// What a caller can see of an argument (its pointers followed only when
+// the form allows).
+std::string seen(const VARIANT& v, bool readable, int depth, bool raw) {
+  std::string out = std::to_string(v.vt) + ":";
+  if (!readable) {  // the VARIANT's own bits only (the address, when `raw`)
+    char bits[40];
+    std::snprintf(bits, sizeof bits, "%p", raw ? v.byref : nullptr);
+    return out + bits;
+  }
+  if (v.vt == (VT_BYREF | VT_VARIANT) && v.pvarVal && depth < 2) return out + "(" + seen(*v.pvarVal, true, depth + 1) + ")";
+  Variant copy;
+  if ((v.vt & ~VT_BYREF) == VT_ARRAY) return out + "array";
+  if (VariantCopyInd(copy.get(), const_cast<VARIANT*>(&v)) != S_OK) return out + "?";
+  if (copy->vt == VT_DISPATCH || copy->vt == VT_UNKNOWN) return out + (copy->punkVal ? "object" : "null");
+  if (copy->vt == VT_R4 || copy->vt == VT_R8) {
+    const double d = copy->vt == VT_R4 ? copy->fltVal : copy->dblVal;
+    char s[40];
+    std::snprintf(s, sizeof s, "%a", d);
+    return out + s;
+  }
+  if (VariantChangeType(copy.get(), copy.get(), 0, VT_BSTR) != S_OK) return out + "-";
+  return out + narrow(text_of(copy->bstrVal).c_str());
+}
+
+struct Outcome {
+  HRESULT hr = S_OK;
+  SCODE scode = 0;
+  UINT arg_error = 0;
+  std::string result, args, state;
+  bool operator==(const Outcome&) const = default;
+};
+void PrintTo(const Outcome& o, std::ostream* os) {
+  *os << std::hex << "hr 0x" << o.hr << " scode 0x" << o.scode << std::dec << " arg " << o.arg_error << " result "
+      << o.result << " args [" << o.args << "] state [" << o.state << "]";
+}
+
+// The object's state: every parameterless get, and the thread's history.
+std::string state_of(const ClassDesc& c, IDispatch* o) {
+  std::string out;
+  for (DISPID id : c.state) out += read(o, id);
+  if (c.name != "ValueStack") {
+    static const ClassDesc& history = classes().back();
+    out += state_of(history, make(history).get());
+  }
+  return out;
+}
+
+bool defined(HRESULT hr) {
+  for (HRESULT ok : {S_OK, DISP_E_EXCEPTION, DISP_E_BADVARTYPE, DISP_E_TYPEMISMATCH, DISP_E_OVERFLOW,
+                     DISP_E_PARAMNOTOPTIONAL, DISP_E_BADPARAMCOUNT, DISP_E_MEMBERNOTFOUND, DISP_E_NONAMEDARGS,
+                     DISP_E_UNKNOWNINTERFACE, E_INVALIDARG, E_POINTER})
+    if (hr == ok) return true;
+  return false;
+}
+
+void clear_history() {
+  const ClassDesc& history = classes().back();
+  ComPtr<IDispatch> o = make(history);
+  Call c;
+  invoke(c, o.get(), dispid_of(o.get(), L"Clear"), DISPATCH_METHOD, {});
+  EXPECT_EQ(c.hr, S_OK);
+}
+
+enum class Path { Invoke, Table };
+
+// One call of `e` on a fresh object with parameter `at` in form `f`.
+Outcome call_once(const ClassDesc& c, const Entry& e, std::size_t at, const Form& f, Path path, int host) {
+  clear_history();
+  ComPtr<IDispatch> o = make(c);
+  const std::size_t n = e.params.size();
+  std::vector<Store> stores(n);
+  std::vector<VARIANT> rgvarg(n);
+  for (std::size_t i = 0; i < n; ++i) {  // rgvarg holds the arguments last first
+    VARIANT& v = rgvarg[n - 1 - i];
+    if (i == at) f.make(stores[i], v); else plain(e.params[i], stores[i], v);
+  }
+  std::string before_args;
+  for (std::size_t i = 0; i < n; ++i) before_args += seen(rgvarg[n - 1 - i], i != at || f.readable) + " ";
+  const std::string before_state = state_of(c, o.get());
+  DISPID put = DISPID_PROPERTYPUT;
+  DISPPARAMS params{rgvarg.data(), e.flags == DISPATCH_PROPERTYPUT ? &put : nullptr, static_cast<UINT>(n),
+                    e.flags == DISPATCH_PROPERTYPUT ? 1u : 0u};
+  Outcome out;
+  Variant result;
+  EXCEPINFO exception{};
+  out.arg_error = 0xFFFFFFFF;
+  const int traps = g_traps;
+  if (path == Path::Table) load_fp(kHosts[host].mxcsr, kHosts[host].control);
+  const FpState fp = read_fp();
+  if (path == Path::Table && e.member)
+    out.hr = valmetra::com::invoke(*c.table, o.get(), e.id, IID_NULL, 0, e.flags, &params, result.put(), &exception,
+                                   &out.arg_error);
+  else
+    out.hr = o->Invoke(e.id, IID_NULL, 0, e.flags, &params, result.put(), &exception, &out.arg_error);
+  const FpState after = read_fp();
+  load_fp(kDefaultMxcsr, kDefaultControl);
+  EXPECT_TRUE(fp == after && g_traps == traps) << e.name << " with " << f.name << ": floating environment";
+  out.scode = exception.scode;
+  Bstr::adopt(exception.bstrSource).reset();
+  Bstr::adopt(exception.bstrDescription).reset();
+  out.result = seen(*result.get(), true);
+  std::string after_args;
+  for (std::size_t i = 0; i < n; ++i) {
+    after_args += seen(rgvarg[n - 1 - i], i != at || f.readable) + " ";
+    out.args += seen(rgvarg[n - 1 - i], i != at || f.readable, 0, false) + " ";
+  }
+  out.state = state_of(c, o.get());
+  EXPECT_TRUE(defined(out.hr)) << e.name << " with " << f.name;
+  if (FAILED(out.hr)) {
+    EXPECT_EQ(after_args, before_args) << e.name << " with " << f.name << ": a failed call changed an argument";
+    // A failed floating operation keeps the infinity or NaN it produced.
+    if (out.hr != DISP_E_EXCEPTION || (c.name != "DoubleData" && c.name != "SingleData")) {
+      EXPECT_EQ(out.state, before_state) << e.name << " with " << f.name << ": a failed call changed the object";
+    }
+  }
+  if (f.refused != S_OK) {
+    EXPECT_EQ(out.hr, f.refused) << e.name << " with " << f.name;
+    EXPECT_EQ(out.arg_error, n - 1 - at) << e.name << " with " << f.name;
+  }
+  for (std::size_t i = 0; i < n; ++i)
+    if (!(i == at && !f.readable)) VariantClear(&rgvarg[n - 1 - i]);
+  return out;
+}
+
+class Calls : public ApartmentTest {};
+
+TEST_F(Calls, EveryEntryWithEveryArgumentFormAgreesAcrossPathsAndEnvironments) {
+  PVOID handler = AddVectoredExceptionHandler(1, on_trap);
+  const std::vector<Form> pool = forms();
+  MemoryLeaks leaks;
+  std::size_t calls = 0, differences = 0;
+  int host = 0;
+  for (const ClassDesc& c : classes())
+    for (const Entry& e : c.entries)
+      for (std::size_t at = 0; at < std::max<std::size_t>(e.params.size(), 1); ++at)
+        for (const Form& f : pool) {
+          if (e.params.empty() && &f != &pool[0]) break;
+          const Outcome a = call_once(c, e, at, f, Path::Invoke, 0);
+          const Outcome b = call_once(c, e, at, f, Path::Table, host = (host + 1) % 3);
+          calls += 2;
+          if (!(a == b) && ++differences < 20)
+            ADD_FAILURE() << e.name << " with " << f.name << " (host " << host << ")\n  Invoke "
+                          << ::testing::PrintToString(a) << "\n  table  " << ::testing::PrintToString(b);
+        }
+  clear_history();
+  RemoveVectoredExceptionHandler(handler);
+  EXPECT_EQ(leaks.count(), 0u) << leaks.describe();
+  EXPECT_EQ(g_traps, 0);
+  EXPECT_EQ(caller_object().refs(), 1u) << "the library kept or dropped a reference to the caller's object";
+  std::printf("[ calls    ] %zu calls over %zu argument forms, %zu differences\n", calls, pool.size(), differences);
+}
+
+// The call that once crashed the host inside VariantCopyInd.
+TEST_F(Calls, MalformedVariantToAVariantParameterIsRefusedUnread) {
+  ComPtr<IDispatch> o = create(L"InterfaceStack");
+  VARIANT arg;
+  arg.vt = 0x7FFF;  // by-reference and array bits set
+  arg.byref = reinterpret_cast<void*>(1);
+  DISPPARAMS params{&arg, nullptr, 1, 0};
+  UINT arg_error = 9;
+  EXPECT_EQ(o->Invoke(dispid_of(o.get(), L"PushAndSet"), IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr,
+                      &arg_error),
+            DISP_E_BADVARTYPE);
+  EXPECT_EQ(arg_error, 0u);
+}
+
+// Random calls of every shape: member (or none), flags, argument count,
+// named arguments, null pointers, arguments from the whole pool.
+TEST_F(Calls, RandomHostileCalls) {
+  const char* s = std::getenv("VALMETRA_HOSTILE_SECONDS");
+  const char* given = std::getenv("VALMETRA_HOSTILE_SEED");
+  const double seconds = s ? std::atof(s) : 3;
+  const unsigned seed = given ? static_cast<unsigned>(std::strtoul(given, nullptr, 0))
+                              : static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count());
+  std::printf("[ random   ] seed %u (VALMETRA_HOSTILE_SEED=%u replays it), %.0f s\n", seed, seed, seconds);
+  std::mt19937 rng(seed);
+  auto pick = [&](std::size_t n) { return static_cast<std::size_t>(rng() % n); };
+  const std::vector<Form> pool = forms();
+  const WORD kFlags[] = {DISPATCH_METHOD, DISPATCH_PROPERTYGET, DISPATCH_PROPERTYPUT, DISPATCH_PROPERTYPUTREF,
+                         DISPATCH_METHOD | DISPATCH_PROPERTYGET, 0, 0xFFFF};
+  const DISPID kNames[] = {DISPID_PROPERTYPUT, 0, 1, DISPID_UNKNOWN, 0x7FFFFFFF};
+  std::vector<ComPtr<IDispatch>> objects;
+  for (const ClassDesc& c : classes()) objects.push_back(make(c));
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  std::size_t calls = 0;
+  while (std::chrono::steady_clock::now() < end) {
+    for (int burst = 0; burst < 100; ++burst, ++calls) {
+      const std::size_t ci = pick(classes().size());
+      const ClassDesc& c = classes()[ci];
+      const Entry& e = c.entries[pick(c.entries.size())];
+      const std::size_t n = rng() % 4 ? e.params.size() : pick(5);
+      std::vector<Store> stores(n);
+      std::vector<VARIANT> rgvarg(n);
+      std::vector<const Form*> used(n);
+      for (std::size_t i = 0; i < n; ++i) {
+        used[i] = &pool[pick(pool.size())];
+        used[i]->make(stores[i], rgvarg[i]);
+      }
+      std::string before;
+      for (std::size_t i = 0; i < n; ++i) before += seen(rgvarg[i], used[i]->readable) + " ";
+      const UINT named = rng() % 3 ? (e.flags == DISPATCH_PROPERTYPUT) : static_cast<UINT>(pick(3));
+      DISPID names[2] = {kNames[pick(5)], kNames[pick(5)]};
+      if (rng() % 3) names[0] = DISPID_PROPERTYPUT;
+      DISPPARAMS params{n && rng() % 16 ? rgvarg.data() : nullptr, named && rng() % 8 ? names : nullptr,
+                        static_cast<UINT>(n), named};
+      const WORD flags = rng() % 3 ? e.flags : kFlags[pick(7)];
+      const DISPID id = rng() % 16 ? e.id : static_cast<DISPID>(rng());
+      Variant result;
+      EXCEPINFO exception{};
+      UINT arg_error = 0;
+      const std::string state = state_of(c, objects[ci].get());
+      const HRESULT hr = objects[ci]->Invoke(id, rng() % 32 ? IID_NULL : IID_IDispatch, 0, flags, &params,
+                                             rng() % 4 ? result.put() : nullptr, rng() % 4 ? &exception : nullptr,
+                                             rng() % 4 ? &arg_error : nullptr);
+      Bstr::adopt(exception.bstrSource).reset();
+      Bstr::adopt(exception.bstrDescription).reset();
+      std::string after;
+      for (std::size_t i = 0; i < n; ++i) after += seen(rgvarg[i], used[i]->readable) + " ";
+      const std::string state_after = state_of(c, objects[ci].get());
+      const bool keeps = hr == DISP_E_EXCEPTION && (c.name == "DoubleData" || c.name == "SingleData");
+      const bool ok = defined(hr) && (SUCCEEDED(hr) || (after == before && (keeps || state_after == state)));
+      for (std::size_t i = 0; i < n; ++i)
+        if (used[i]->readable) VariantClear(&rgvarg[i]);
+      if (!ok) {
+        ADD_FAILURE() << "seed " << seed << " call " << calls << ": " << e.name << " flags " << flags << " args " << n
+                      << " named " << named << " -> 0x" << std::hex << hr << "\n  args " << before << "\n  then "
+                      << after << "\n  state " << state << "\n  then  " << state_after;
+        return;
+      }
+    }
+  }
+  objects.clear();
+  clear_history();
+  EXPECT_EQ(caller_object().refs(), 1u);
+  std::printf("[ random   ] %zu calls, 0 failures\n", calls);
+}
+
+}  // namespace
+}  // namespace vt
