@@ -67,41 +67,6 @@ TEST_F(Dispatch, UnknownNamesAndParameterNames) {
   EXPECT_EQ(object->GetIDsOfNames(IID_IDispatch, name, 1, 0, &id), DISP_E_UNKNOWNINTERFACE);
 }
 
-// ------------------------------------------------------------ arguments
-
-TEST_F(Dispatch, ArgumentFailuresNameTheArgument) {
-  ComPtr<IDispatch> object = create(L"IntegerData");
-  const DISPID limits = dispid_of(object.get(), L"SetTheLimits");
-  const DISPID add = dispid_of(object.get(), L"Add");
-  VARIANT empty_text = v_text(L"");
-  struct Row {
-    const char* what;
-    DISPID id;
-    std::vector<VARIANT> args;  // natural order
-    HRESULT hr;
-    UINT arg_error;             // index into rgvarg (last argument is 0)
-  };
-  const Row rows[] = {
-      {"not a number", add, {v_text(L"abc")}, DISP_E_TYPEMISMATCH, 0},
-      {"out of range", add, {v_i4(40000)}, DISP_E_OVERFLOW, 0},
-      {"missing", add, {v_missing()}, DISP_E_PARAMNOTOPTIONAL, 0},
-      {"second of two", limits, {v_i2(1), v_text(L"x")}, DISP_E_TYPEMISMATCH, 0},
-      {"first of two", limits, {v_r8(1e6), v_i2(1)}, DISP_E_OVERFLOW, 1},
-      {"by reference to empty text", add, {v_ref(&empty_text)}, DISP_E_TYPEMISMATCH, 0},
-  };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.what);
-    ASSERT_EQ(put(object.get(), L"Value", v_i2(10)), S_OK);
-    Call c;
-    invoke(c, object.get(), r.id, DISPATCH_METHOD, r.args);
-    EXPECT_EQ(c.hr, r.hr);
-    EXPECT_EQ(c.arg_error, r.arg_error);
-    EXPECT_EQ(c.result->vt, VT_EMPTY);
-    EXPECT_EQ(get_number(object.get(), L"Value"), 10);  // the operation did not run
-  }
-  VariantClear(&empty_text);
-}
-
 // Swap writes the caller's variable, only when the call succeeds.
 TEST_F(Dispatch, WrittenBackArgumentsReachTheCallersVariable) {
   ComPtr<IDispatch> object = create(L"IntegerData");

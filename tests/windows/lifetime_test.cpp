@@ -151,65 +151,6 @@ TEST_F(Lifetime, LastFactoryReleaseInsideAForwardedCall) {
   EXPECT_EQ(get_number(global.get(), L"Value"), 10);
 }
 
-// Whatever form an object argument takes and whatever the parameter, the
-// library keeps no reference to the caller's object and drops none of the
-// caller's.
-TEST_F(Lifetime, CallersObjectsAreNeitherKeptNorReleased) {
-  std::size_t calls = 0;
-  for (std::size_t ci = 0; ci < kClassCount; ++ci) {
-    const auto& table = *kClasses[ci].table;
-    for (unsigned k = 0; k < table.count; ++k) {
-      const Member& m = table.members[k];
-      if (m.param_count == 0) continue;
-      SCOPED_TRACE(std::string(kClasses[ci].name, kClasses[ci].name + wcslen(kClasses[ci].name)) + "." +
-                   std::string(m.name, m.name + wcslen(m.name)));
-      for (int form = 0; form < 4; ++form) {
-        ComPtr<IDispatch> object = create(kClasses[ci].name);
-        Probe probe;
-        IDispatch* pointer = &probe;
-        VARIANT variable = v_dispatch(&probe);
-        probe.AddRef();  // the variable's reference
-        VARIANT arg;
-        VariantInit(&arg);
-        switch (form) {
-          case 0: arg = v_dispatch(&probe); break;
-          case 1:
-            arg.vt = VT_UNKNOWN;
-            arg.punkVal = &probe;
-            break;
-          case 2:
-            arg.vt = VT_BYREF | VT_DISPATCH;
-            arg.ppdispVal = &pointer;
-            break;
-          default: arg = v_ref(&variable); break;
-        }
-        std::vector<VARIANT> args(m.param_count, v_i2(1));
-        args[0] = arg;
-        std::vector<VARIANT> reversed(args.rbegin(), args.rend());
-        DISPID put_id = DISPID_PROPERTYPUT;
-        DISPPARAMS params{reversed.data(), m.kind == Kind::Put ? &put_id : nullptr, static_cast<UINT>(reversed.size()),
-                          m.kind == Kind::Put ? 1u : 0u};
-        Variant result;
-        EXCEPINFO exception{};
-        object->Invoke(m.dispid, IID_NULL, LOCALE_USER_DEFAULT,
-                       m.kind == Kind::Put ? DISPATCH_PROPERTYPUT : DISPATCH_METHOD, &params, result.get(), &exception,
-                       nullptr);
-        SysFreeString(exception.bstrSource);
-        SysFreeString(exception.bstrDescription);
-        ++calls;
-        // A written-back parameter may replace the variable's object by a
-        // number: it then released the variable's reference, as it must.
-        const bool replaced = form == 3 && variable.vt != VT_DISPATCH;
-        EXPECT_EQ(probe.refs(), replaced ? 1u : 2u) << "form " << form;
-        if (!replaced) VariantClear(&variable);
-        EXPECT_EQ(probe.refs(), 1u);
-        EXPECT_EQ(count_of(object.get()), 1u);
-      }
-    }
-  }
-  EXPECT_GT(calls, 300u);
-}
-
 // LockServer from several factories and threads: the library stays until
 // the last lock goes; an unlock without a lock changes nothing.
 TEST_F(Lifetime, FactoryLocksAcrossFactoriesAndThreads) {
@@ -250,64 +191,6 @@ TEST_F(Lifetime, FactoryLocksAcrossFactoriesAndThreads) {
   f = factory_of(L"LongData");
   ASSERT_EQ(f->LockServer(FALSE), S_OK);
   f.reset();
-  EXPECT_TRUE(nothing_alive());
-}
-
-// Every global class's instance, and the value history, end with their
-// apartment, however the host used them; a reference the host keeps past
-// the end keeps only that object.
-TEST_F(Lifetime, GlobalInstancesEndWithTheirApartment) {
-  ComPtr<IDispatch> kept;
-  std::thread worker([&] {
-    Apartment apartment;
-    ASSERT_EQ(apartment.result(), S_OK);
-    for (std::size_t i = 0; i < kClassCount; ++i) {
-      if (kClasses[i].instancing != valmetra::hosting::Instancing::Global) continue;
-      ComPtr<IValmetraGlobalInstance> factory;
-      ASSERT_EQ(library().get_class_object(kClasses[i].clsid, kGlobalInstanceIid, factory.put_void()), S_OK);
-      ComPtr<IDispatch> global;
-      ASSERT_EQ(factory->GetGlobalInstance(IID_IDispatch, global.put_void()), S_OK);
-      // The apartment holds one reference, the host one.
-      EXPECT_EQ(count_of(global.get()), 2u) << "class " << i;
-    }
-    ComPtr<IDispatch> integer = create(L"IntegerData");
-    Call push;
-    call(push, integer.get(), L"Push");
-    ASSERT_EQ(push.hr, S_OK);
-    ComPtr<IValmetraGlobalInstance> factory;
-    ASSERT_EQ(
-        library().get_class_object(kClasses[class_index(L"LongData")].clsid, kGlobalInstanceIid, factory.put_void()),
-        S_OK);
-    ASSERT_EQ(factory->GetGlobalInstance(IID_IDispatch, kept.put_void()), S_OK);
-    ASSERT_EQ(put(kept.get(), L"Value", v_i4(77)), S_OK);
-  });
-  worker.join();
-  // Only the kept instance is alive (its apartment is gone; it is a plain
-  // object now, and this thread releases it).
-  EXPECT_FALSE(nothing_alive());
-  EXPECT_EQ(count_of(kept.get()), 1u);
-  kept.reset();
-  EXPECT_TRUE(nothing_alive());
-}
-
-// A global instance used through the class moniker's forwarding factory in
-// a nested apartment initialisation: still one instance, ended once.
-TEST_F(Lifetime, NestedInitialisationKeepsTheApartmentsState) {
-  std::thread worker([&] {
-    Apartment outer;
-    ASSERT_EQ(outer.result(), S_OK);
-    ComPtr<IDispatch> factory;
-    ASSERT_EQ(library().get_class_object(kClasses[class_index(L"DoubleData")].clsid, IID_IDispatch, factory.put_void()),
-              S_OK);
-    ASSERT_EQ(put(factory.get(), L"Value", v_r8(1.5)), S_OK);
-    for (int i = 0; i < 3; ++i) {
-      Apartment inner;
-      EXPECT_EQ(inner.result(), S_FALSE);
-      EXPECT_EQ(get_number(factory.get(), L"Value"), 1.5);
-    }
-    EXPECT_FALSE(nothing_alive());
-  });
-  worker.join();
   EXPECT_TRUE(nothing_alive());
 }
 

@@ -45,7 +45,7 @@ std::size_t class_index(const wchar_t* name);
 // A single-threaded apartment for the lifetime of the object.
 class Apartment {
  public:
-  Apartment() : hr_(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)) {}
+  explicit Apartment(bool enter = true) : hr_(enter ? CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED) : E_FAIL) {}
   ~Apartment() {
     if (SUCCEEDED(hr_)) CoUninitialize();
   }

@@ -38,9 +38,9 @@ HRESULT check_one(const VARIANT& value) noexcept {
   const VARTYPE vt = value.vt;
   const VARTYPE base = vt & VT_TYPEMASK;
   if (vt & ~(VT_TYPEMASK | VT_BYREF | VT_ARRAY)) return DISP_E_BADVARTYPE;
-  if (vt & VT_ARRAY) {
+  if (vt & VT_ARRAY) {  // the array itself is never read
     if (base == VT_EMPTY || base == VT_NULL || !(is_host_type(base) || base == VT_VARIANT)) return DISP_E_BADVARTYPE;
-    return DISP_E_TYPEMISMATCH;
+    return (vt & VT_BYREF) && !value.byref ? DISP_E_TYPEMISMATCH : S_OK;
   }
   if (vt & VT_BYREF) {
     if (base == VT_EMPTY || base == VT_NULL || !(is_host_type(base) || base == VT_VARIANT)) return DISP_E_BADVARTYPE;
@@ -62,6 +62,7 @@ HRESULT check_argument(const VARIANT& value) noexcept {
 valmetra::Variant to_core_variant(const VARIANT& value) {
   if (const HRESULT hr = check_argument(value); FAILED(hr)) raise_platform_failure(hr);
   if (value.vt == (VT_BYREF | VT_VARIANT)) return to_core_variant(*value.pvarVal);
+  if (value.vt & VT_ARRAY) return {};  // as an object: no value of ours
   if (value.vt & VT_BYREF) {
     Variant copy;
     if (FAILED(VariantCopyInd(copy.get(), const_cast<VARIANT*>(&value)))) return {};

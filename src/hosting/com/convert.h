@@ -50,7 +50,12 @@ inline std::u16string_view text_view(BSTR text) noexcept {
 //                        included), by value; the same but VT_EMPTY and
 //                        VT_NULL with VT_BYREF and a non-null pointer;
 //                        VT_BYREF|VT_VARIANT whose Variant is, by these
-//                        rules, one of the former (one level only).
+//                        rules, one of the former (one level only); an
+//                        array (VT_ARRAY, by value or by a non-null
+//                        reference) of one of these element types or of
+//                        Variants, its SAFEARRAY never read: a Variant
+//                        parameter takes it as it takes an object, a
+//                        declared type refuses it (DISP_E_TYPEMISMATCH).
 //   DISP_E_BADVARTYPE    not a type code a host passes: an unknown base
 //                        type (VT_RECORD and VT_VOID, VT_HRESULT and the
 //                        other type-description codes included), VT_VARIANT
@@ -58,10 +63,8 @@ inline std::u16string_view text_view(BSTR text) noexcept {
 //                        VT_VECTOR, VT_RESERVED or any other high bit, an
 //                        array of Empty, Null or an unknown type.
 //   DISP_E_TYPEMISMATCH  a null reference (VT_BYREF with a null pointer,
-//                        also inside a VT_BYREF|VT_VARIANT); an array of a
-//                        valid element type (no parameter takes one); a
-//                        reference to a Variant that is itself a reference
-//                        to a Variant.
+//                        also inside a VT_BYREF|VT_VARIANT); a reference to
+//                        a Variant that is itself a reference to a Variant.
 // Only the VARIANT's own fields and, for VT_BYREF|VT_VARIANT, the type code
 // and pointer of the Variant it refers to are read.
 HRESULT check_argument(const VARIANT& value) noexcept;

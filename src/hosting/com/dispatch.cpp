@@ -44,6 +44,9 @@ HRESULT load_converted(const Param& p, const VARIANT& source, Arg& a, Temps& tem
   // referred Variant is of a type a host passes.
   const VARIANT* v = source.vt == (VT_BYREF | VT_VARIANT) ? source.pvarVal : &source;
   if (is_missing(*v)) return DISP_E_PARAMNOTOPTIONAL;
+  // Only a Variant parameter takes an array; none is converted (nor its
+  // SAFEARRAY handed to the platform, which would follow the pointer).
+  if (v->vt & VT_ARRAY) return DISP_E_TYPEMISMATCH;
   // A written-back parameter needs a variable it can write: a reference to
   // its own type or to a Variant (or a plain value, whose copy is lost).
   if (p.passing == Passing::InOut && (source.vt & VT_BYREF) && source.vt != (VT_BYREF | VT_VARIANT))

@@ -31,10 +31,13 @@
 //   reads it: a malformed one (a type code that is none a host passes,
 //   VT_VARIANT by value, VT_VECTOR, unknown high bits) fails with
 //   DISP_E_BADVARTYPE; a null reference (VT_BYREF with a null pointer, also
-//   inside a VT_BYREF|VT_VARIANT), an array, and a reference to a reference
-//   to a Variant with DISP_E_TYPEMISMATCH; for every parameter, a Variant
+//   inside a VT_BYREF|VT_VARIANT) and a reference to a reference to a
+//   Variant with DISP_E_TYPEMISMATCH; for every parameter, a Variant
 //   parameter included. Nothing of such an argument is read beyond its type
 //   code and pointer, nothing is written or released, the call is not made.
+//   An array of a valid element type is taken by a Variant parameter (as an
+//   object is: no value the core knows) and refused by any other with
+//   DISP_E_TYPEMISMATCH; its SAFEARRAY is never read.
 //   *puArgErr names the argument of every argument failure.
 // - Converting an object argument calls its value member, which may call
 //   back into the object or release the caller's last reference to it: the
