@@ -52,10 +52,11 @@ test-smoke: deps
 test: test-native windows
 	tests/run-suites.sh
 
-# The main job: the Windows build, registered into a private Wine prefix and
-# driven by the host scripts of examples/.
-demo: windows
-	examples/run-demo.sh
+# The main job: the two DLLs built for x64 and x86 (quietly; the log is
+# build/logs/demo-build.log), registered into a private Wine prefix and driven
+# by the host scripts of examples/, one of them also from a 32-bit host.
+demo: deps
+	@JOBS=$(JOBS) examples/run-demo.sh
 
 dist: windows
 	tools/dist.sh
