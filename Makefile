@@ -52,12 +52,17 @@ test-smoke: deps
 test: test-native windows
 	tests/run-suites.sh
 
-# The main job: the Windows build, registered into a private Wine prefix and
-# driven by the host scripts of examples/.
-demo: windows
-	examples/run-demo.sh
+# The main job: the two DLLs built for x64 and x86 (quietly; the log is
+# build/logs/demo-build.log), registered into a private Wine prefix and driven
+# by the host scripts of examples/, one of them also from a 32-bit host.
+demo: deps
+	@JOBS=$(JOBS) examples/run-demo.sh
 
-dist: windows
+# dist/: what ships, built from the two presets (only the targets it needs).
+# Two builds of one commit give the same bytes wherever the checkout is.
+DIST_TARGETS := valmetra_dll valuestack valmetra-register
+dist: deps
+	@for p in win-x64 win-x86; do cmake --preset $$p >/dev/null && cmake --build --preset $$p -j $(JOBS) --target $(DIST_TARGETS) || exit 1; done
 	tools/dist.sh
 	tools/dist-extra.sh
 

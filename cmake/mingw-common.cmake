@@ -10,5 +10,16 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 # Static runtime: the DLLs and test programs need nothing beside them.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
+# Reproducible outputs: no link time stamp in the PE header, and no build
+# path in anything the compiler records (__FILE__, debug information), so two
+# builds of one commit in different folders give the same bytes.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++ -Wl,--no-insert-timestamp")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++ -Wl,--no-insert-timestamp")
+get_filename_component(VALMETRA_TOP "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
+# The build folder (inside the checkout or not) is mapped last, so it wins.
+set(VALMETRA_PREFIX_MAP "-ffile-prefix-map=${VALMETRA_TOP}/=")
+if(CMAKE_BINARY_DIR)
+  string(APPEND VALMETRA_PREFIX_MAP " -ffile-prefix-map=${CMAKE_BINARY_DIR}/=")
+endif()
+set(CMAKE_C_FLAGS_INIT "${VALMETRA_PREFIX_MAP}")
+set(CMAKE_CXX_FLAGS_INIT "${VALMETRA_PREFIX_MAP}")

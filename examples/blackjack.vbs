@@ -18,7 +18,11 @@ Const kDecks = 6
 Const kHands = 60
 Const kBet = 25
 
+' Every object comes from CreateObject. Under Wine, cscript ends with exit
+' code 0 and prints nothing when a script dies of an error nobody caught, so
+' calls that can fail are checked: report, then WScript.Quit 1.
 Dim text, shoe, cut, bankroll, handsWon, blackjacks, dealerBusts
+On Error Resume Next
 Set text = CreateObject("KARVO_Valmetra.TextConstants")
 Set shoe = CreateObject("KARVO_Valmetra.IntegerData")
 Set cut = CreateObject("KARVO_Valmetra.IntegerData")
@@ -26,6 +30,12 @@ Set bankroll = CreateObject("KARVO_Valmetra.LongData")
 Set handsWon = CreateObject("KARVO_Valmetra.IntegerPercent")
 Set blackjacks = CreateObject("KARVO_Valmetra.IntegerPercent")
 Set dealerBusts = CreateObject("KARVO_Valmetra.IntegerPercent")
+If Err.Number <> 0 Then
+  WScript.Echo "Cannot create the library's objects (is it registered?): " & Err.Description & _
+               " (error " & Err.Number & ")"
+  WScript.Quit 1
+End If
+On Error GoTo 0
 
 Dim seed
 seed = 20090223
@@ -133,7 +143,6 @@ For hand = 1 To kHands
   End If
 Next
 
-WScript.Echo ""
 WScript.Echo "Hands won:       " & handsWon.PercentDisplay & " (" & handsWon & " of " & kHands & ")"
 WScript.Echo "Blackjacks:      " & blackjacks.PercentDisplay & " (" & blackjacks.Default & ")"
 WScript.Echo "Dealer breaks:   " & dealerBusts.PercentDisplay

@@ -12,11 +12,20 @@
 #   DIST/KARVO-Valmetra-<arch>.msi         the installer (wixl -a x64|x86)
 # All of it is generated from the catalogue (tools/genmanifest.py,
 # tools/genmsi.py). Fails when an architecture's DLLs are missing.
+#
+# The packages are reproducible: the files they carry get the time
+# SOURCE_DATE_EPOCH (default: the time of the checkout's last commit) before
+# wixl packs them, and genmsi.py --pin replaces the build time and the random
+# package code wixl writes into the summary information.
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 DIST=${1:-$ROOT/dist}
 export PYTHONDONTWRITEBYTECODE=1
+if [ -z "${SOURCE_DATE_EPOCH:-}" ]; then
+  SOURCE_DATE_EPOCH=$(git -C "$ROOT" log -1 --format=%ct 2>/dev/null) || SOURCE_DATE_EPOCH=
+  [ -n "$SOURCE_DATE_EPOCH" ] || SOURCE_DATE_EPOCH=315532800  # 1980-01-01, the earliest cabinet time
+fi
 
 command -v wixl >/dev/null || { echo "dist-extra: wixl not found (Debian package wixl)" >&2; exit 1; }
 
@@ -33,6 +42,8 @@ for arch in x64 x86; do
   python3 "$ROOT/tools/genmanifest.py" --source "$ROOT" --arch "$arch" --out "$dir"
   python3 "$ROOT/tools/genmsi.py" --source "$ROOT" --arch "$arch" --files "$arch" \
     --wxs "$DIST/KARVO-Valmetra-$arch.wxs"
-  (cd "$DIST" && wixl -a "$arch" -o "KARVO-Valmetra-$arch.msi" "KARVO-Valmetra-$arch.wxs")
+  touch -d "@$SOURCE_DATE_EPOCH" "$dir"/*
+  (cd "$DIST" && TZ=UTC wixl -a "$arch" -o "KARVO-Valmetra-$arch.msi" "KARVO-Valmetra-$arch.wxs")
+  python3 "$ROOT/tools/genmsi.py" --pin "$DIST/KARVO-Valmetra-$arch.msi" --epoch "$SOURCE_DATE_EPOCH"
   echo "dist-extra: $arch: KARVO.Valmetra.manifest, valmetra-register.exe, KARVO-Valmetra-$arch.msi"
 done

@@ -30,11 +30,21 @@ write (src/hosting/com/registry.h), all under HKLM\Software\Classes:
                                                  marshaller; TypeLib = {libid},
                                                  Version = <ver in hex>
 
+    genmsi.py --pin <msi> --epoch <seconds>
+        makes a package wixl built reproducible: wixl stamps the summary
+        information with the time of the build and a random package code;
+        --pin sets both times to <seconds> (SOURCE_DATE_EPOCH) and the package
+        code to a name-based GUID of the package's content, so one input gives
+        one package and any change of content a new package code. The cabinet's
+        file times come from the files (tools/dist-extra.sh sets them).
+
 The installer spells HELPDIR with a trailing backslash ([INSTALLDIR]); the
 folder is the same.
 """
 import argparse
+import hashlib
 import os
+import struct
 import sys
 import uuid
 from dataclasses import dataclass
@@ -188,16 +198,128 @@ def wxs(source, arch, files_dir):
     return "\n".join(out) + "\n"
 
 
+# --- reproducible packages ----------------------------------------------------
+# An MSI is a compound file; its summary information is a property set stream.
+
+ENDCHAIN = 0xFFFFFFFA  # sector numbers from here on end a chain or are free
+
+
+def _chain(fat, start):
+    out = []
+    while start < ENDCHAIN:
+        out.append(start)
+        start = fat[start]
+    return out
+
+
+def compound_stream(data, name):
+    """Where the bytes of stream `name` lie in a compound file: a list of
+    (offset, length) pieces, in stream order."""
+    ssz = 1 << struct.unpack_from("<H", data, 0x1E)[0]
+    msz = 1 << struct.unpack_from("<H", data, 0x20)[0]
+    dir_start, = struct.unpack_from("<I", data, 0x30)
+    cutoff, minifat_start = struct.unpack_from("<II", data, 0x38)
+    difat_start, = struct.unpack_from("<I", data, 0x44)
+    at = lambda n: (n + 1) * ssz  # noqa: E731
+    per = ssz // 4
+    fat_sectors = [n for n in struct.unpack_from("<109I", data, 0x4C) if n < ENDCHAIN]
+    while difat_start < ENDCHAIN:
+        entries = struct.unpack_from(f"<{per}I", data, at(difat_start))
+        fat_sectors += [n for n in entries[:-1] if n < ENDCHAIN]
+        difat_start = entries[-1]
+    fat = [x for n in fat_sectors for x in struct.unpack_from(f"<{per}I", data, at(n))]
+    entries = b"".join(data[at(n):at(n) + ssz] for n in _chain(fat, dir_start))
+    root = stream = None
+    for i in range(0, len(entries), 128):
+        length, kind = struct.unpack_from("<HB", entries, i + 64)
+        entry_name = entries[i:i + max(length - 2, 0)].decode("utf-16-le")
+        start, size = struct.unpack_from("<II", entries, i + 116)
+        if kind == 5:
+            root = (start, size)
+        elif kind == 2 and entry_name == name:
+            stream = (start, size)
+    if stream is None:
+        raise OSError(f"no stream {name!r}")
+    start, size = stream
+    if size >= cutoff:
+        pieces = [(at(n), ssz) for n in _chain(fat, start)]
+    else:  # in the mini stream, which itself is a chain of the root entry
+        minifat = [x for n in _chain(fat, minifat_start) for x in struct.unpack_from(f"<{per}I", data, at(n))]
+        container = _chain(fat, root[0])
+        pieces = []
+        for m in _chain(minifat, start):
+            off = m * msz
+            pieces.append((at(container[off // ssz]) + off % ssz, msz))
+    out, left = [], size
+    for off, n in pieces:
+        out.append((off, min(n, left)))
+        left -= out[-1][1]
+    return out
+
+
+def pin_package(path, epoch):
+    """Sets the summary information's times (created, last saved) to epoch and
+    its revision number, the package code, to a GUID of the content."""
+    with open(path, "rb") as f:
+        data = bytearray(f.read())
+    pieces = compound_stream(data, "\x05SummaryInformation")
+    info = bytearray(b"".join(data[o:o + n] for o, n in pieces))
+    section, = struct.unpack_from("<I", info, 44)
+    count, = struct.unpack_from("<I", info, section + 4)
+    props = dict(struct.unpack_from("<II", info, section + 8 + 8 * i) for i in range(count))
+    filetime = (epoch + 11644473600) * 10_000_000
+    for pid in (12, 13):  # PID_CREATE_DTM, PID_LASTSAVE_DTM
+        if pid in props:
+            at = section + props[pid]
+            if struct.unpack_from("<I", info, at)[0] != 64:  # VT_FILETIME
+                raise OSError(f"summary property {pid} is not a time")
+            struct.pack_into("<Q", info, at + 4, filetime)
+    revision = None
+    if 9 in props:  # PID_REVNUMBER, a VT_LPSTR holding {GUID}
+        at = section + props[9]
+        kind, length = struct.unpack_from("<II", info, at)
+        if kind != 30 or length < 39:
+            raise OSError("the package code is not a GUID string")
+        revision = at + 8
+        info[revision:revision + 38] = b"{00000000-0000-0000-0000-000000000000}"
+
+    def put():
+        pos = 0
+        for o, n in pieces:
+            data[o:o + n] = info[pos:pos + n]
+            pos += n
+    put()
+    if revision is not None:
+        code = "{" + stable_guid("package", hashlib.sha256(data).hexdigest()) + "}"
+        info[revision:revision + 38] = code.encode("ascii")
+        put()
+    with open(path, "wb") as f:
+        f.write(data)
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    ap.add_argument("--source", required=True)
-    ap.add_argument("--arch", required=True, choices=deploymodel.ARCHES)
+    ap.add_argument("--source")
+    ap.add_argument("--arch", choices=deploymodel.ARCHES)
     ap.add_argument("--wxs", help="write the package source here")
     ap.add_argument("--files", help="folder holding Valmetra-445.Dll and ValueStack.dll (for --wxs)")
     ap.add_argument("--record", action="store_true", help="print the registration record")
     ap.add_argument("--dir", help="install folder of the DLLs (for --record), e.g. C:\\Program Files\\KARVO\\Valmetra")
     ap.add_argument("--hive", default="HKLM", choices=("HKLM", "HKCU"))
+    ap.add_argument("--pin", metavar="MSI", help="make a built package reproducible (needs --epoch)")
+    ap.add_argument("--epoch", type=int, help="the time for --pin, in seconds since 1970 (SOURCE_DATE_EPOCH)")
     args = ap.parse_args()
+    if args.pin:
+        if args.epoch is None:
+            ap.error("--pin needs --epoch")
+        try:
+            pin_package(args.pin, args.epoch)
+        except (OSError, struct.error, IndexError) as e:
+            print(f"genmsi: {args.pin}: {e}", file=sys.stderr)
+            return 1
+        return 0
+    if not args.source or not args.arch:
+        ap.error("--source and --arch are needed")
     try:
         if args.wxs:
             if not args.files:

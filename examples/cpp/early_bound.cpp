@@ -83,7 +83,8 @@ void run() {
   }
   expect(value == 32767, "a value pushed by one object pops on another");
 
-  // The thread's global instance of IntegerData, as script hosts use it.
+  // The thread's global instance of IntegerData: compiled hosts reach it
+  // through the class factory (script hosts create every object instead).
   Com<IValmetraGlobalInstance> globals;
   hr = CoGetClassObject(CLSID_IntegerData, CLSCTX_INPROC_SERVER, nullptr, IID_IValmetraGlobalInstance,
                         globals.out());
