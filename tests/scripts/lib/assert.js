@@ -1,23 +1,24 @@
-// Assertions that tests/windows/run.sh joins in front of each JScript test.
-// finish(name) prints one "PASS <name>" or "FAIL <name>" line and sets the exit code.
+// Joined in front of each JScript test by tests/windows/run.sh. finish(name)
+// prints "PASS <name>" only when every check held.
 var g_checks = 0, g_failures = 0;
 function check(ok, what) {
   g_checks++;
   if (!ok) { g_failures++; WScript.Echo("FAIL: " + what); }
 }
-function checkEqual(actual, expected, what) {
+function same(actual, expected, what) {
   check(actual === expected, what + ": got " + actual + " (" + typeof actual + "), expected " + expected);
 }
-// fn must throw the library error `number` (low 16 bits of e.number) with `description` ("" for any).
-function checkThrows(fn, number, description, what) {
+// fn must throw `number`: below 0x10000 an error of the library (0x800A0000 + number), else the whole
+// number; with `description` unless that is "".
+function throws(fn, number, description, what) {
+  var want = (number < 0x10000 ? 0x800A0000 + number : number) >>> 0;
   try { fn(); } catch (e) {
-    return check((e.number & 0xFFFF) === number && (description === "" || e.description === description),
-                 what + ": error 0x" + (e.number >>> 0).toString(16) + " \"" + e.description + "\", expected " + number);
+    return check((e.number >>> 0) === want && (!description || e.description === description),
+                 what + ": error 0x" + (e.number >>> 0).toString(16) + " \"" + e.description + "\", expected 0x" + want.toString(16));
   }
-  check(false, what + ": no error, expected " + number);
+  check(false, what + ": no error, expected 0x" + want.toString(16));
 }
 function finish(name) {
   var ok = g_failures === 0 && g_checks > 0;
   WScript.Echo((ok ? "PASS " : "FAIL ") + name + ": " + (ok ? g_checks + " checks" : g_failures + " of " + g_checks + " checks failed"));
-  WScript.Quit(ok ? 0 : 1);
 }
