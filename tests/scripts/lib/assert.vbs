@@ -11,7 +11,13 @@ End Sub
 
 Function Show(v)
   Show = "<object>"
-  If IsNull(v) Then Show = "<Null>" Else If Not IsObject(v) Then Show = CStr(v) & " (vartype " & VarType(v) & ")"
+  If IsArray(v) Then
+    Show = "<array>"
+  ElseIf IsNull(v) Then
+    Show = "<Null>"
+  ElseIf Not IsObject(v) Then
+    Show = CStr(v) & " (vartype " & VarType(v) & ")"
+  End If
 End Function
 
 ' Equal and, when vt > 0, of that vartype (2 Integer, 3 Long, 4 Single, 5 Double, 8 String, 11 Boolean).
