@@ -4,6 +4,8 @@
 
 #include <winver.h>
 
+#include "valuestack.h"
+
 #include <cstring>
 #include <set>
 
@@ -208,6 +210,31 @@ INSTANTIATE_TEST_SUITE_P(AllClasses, ClassDescription, ::testing::Range<std::siz
                            return std::string(n, n + wcslen(n));
                          });
 
+
+// The value history component's slots that callers bind to by position
+// (after the seven of IUnknown and IDispatch): a published contract.
+TEST(ValueStackLibrary, VtablePositionsAreTheContract) {
+  ComPtr<ITypeLib> lib;
+  ASSERT_EQ(LoadTypeLibEx(value_stack().path.c_str(), REGKIND_NONE, lib.put()), S_OK);
+  ComPtr<ITypeInfo> dispatch, info;
+  HREFTYPE ref = 0;
+  ASSERT_EQ(lib->GetTypeInfoOfGuid(IID__ValueStack, dispatch.put()), S_OK);
+  ASSERT_EQ(dispatch->GetRefTypeOfImplType(-1, &ref), S_OK);
+  ASSERT_EQ(dispatch->GetRefTypeInfo(ref, info.put()), S_OK);
+  const std::pair<const wchar_t*, int> contract[] = {
+      {L"PopBoolean", 1},  {L"PushBoolean", 2},  {L"PushAndSetBoolean", 3}, {L"DropDouble", 8},
+      {L"PopDouble", 9},   {L"PushDouble", 10},  {L"PushAndSetDouble", 12}, {L"DropInteger", 14},
+      {L"PopInteger", 15}, {L"PushInteger", 16}, {L"PushAndSetInteger", 18}, {L"DropLong", 20},
+      {L"PopLong", 21},    {L"PushLong", 22},    {L"PushAndSetLong", 23},   {L"DropSingle", 30},
+      {L"PopSingle", 31},  {L"PushSingle", 32},  {L"PushAndSetSingle", 33}};
+  for (const auto& [name, position] : contract) {
+    FUNCDESC* f = nullptr;
+    ASSERT_EQ(info->GetFuncDesc(position, &f), S_OK);
+    EXPECT_EQ(name_of(info.get(), f->memid), name) << position;
+    EXPECT_EQ(f->oVft, static_cast<SHORT>((7 + position) * sizeof(void*))) << position;
+    info->ReleaseFuncDesc(f);
+  }
+}
 
 // ------------------------------------------------------------ the DLL file
 
