@@ -6,7 +6,7 @@ export WINEDEBUG := -all
 
 APT_PACKAGES := cmake g++ make python3 googletest libgtest-dev clang libclang-rt-14-dev \
   g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix mingw-w64-tools \
-  wine wine64 libwine-dev msitools wixl librsvg2-bin
+  wine wine64 libwine-dev msitools wixl librsvg2-bin faketime
 
 .PHONY: deps native native-release windows test test-native test-windows test-smoke demo dist bench bench-smoke fuzz clean
 
@@ -72,8 +72,12 @@ bench: deps
 bench-smoke: deps
 	bench/run.sh --smoke
 
-fuzz: deps
+# The libFuzzer targets, then random hostile late-bound calls against both
+# DLLs under Wine, HOSTILE_SECONDS per bitness.
+HOSTILE_SECONDS ?= 300
+fuzz: deps windows
 	tests/fuzz/run.sh
+	tests/windows/run.sh --hostile $(HOSTILE_SECONDS)
 
 clean:
 	rm -rf build dist

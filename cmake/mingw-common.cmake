@@ -4,7 +4,16 @@ set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_C_COMPILER ${VALMETRA_TRIPLE}-gcc-posix)
 set(CMAKE_CXX_COMPILER ${VALMETRA_TRIPLE}-g++-posix)
 set(CMAKE_RC_COMPILER ${VALMETRA_TRIPLE}-windres)
-set(VALMETRA_WIDL ${VALMETRA_TRIPLE}-widl)
+# widl writes the time it ran into every type library ("Created by WIDL ...
+# at <time>"), and this version does not read SOURCE_DATE_EPOCH: it runs with
+# its clock fixed at the library's date, so the type library (and the DLL
+# that embeds it) comes out the same in every build.
+find_program(VALMETRA_FAKETIME faketime)
+if(VALMETRA_FAKETIME)
+  set(VALMETRA_WIDL env TZ=UTC ${VALMETRA_FAKETIME} -f "2009-02-23 00:00:00" ${VALMETRA_TRIPLE}-widl)
+else()
+  set(VALMETRA_WIDL ${VALMETRA_TRIPLE}-widl)
+endif()
 set(CMAKE_FIND_ROOT_PATH /usr/${VALMETRA_TRIPLE})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

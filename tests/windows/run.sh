@@ -13,7 +13,11 @@
 # "[  PASSED  ]". Ends with "x64: ...", "x86: ..." and "N passed, N failed,
 # N skipped"; exit 1 on any failure.
 # VALMETRA_WIN_BUILD=<prefix> reads builds from <prefix>x64 and <prefix>x86.
+# run.sh --hostile SECONDS runs only the random hostile calls, SECONDS per
+# arch (make fuzz), printing the seeds and the number of calls.
 set -uo pipefail
+HOSTILE=
+[ "${1:-}" = --hostile ] && HOSTILE=${2:-300}
 ROOT=$(cd "$(dirname "$0")/../.." && pwd)
 BUILD_PREFIX=${VALMETRA_WIN_BUILD:-$ROOT/build/win-}
 export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
@@ -77,6 +81,18 @@ suite() {  # suite <arch> <cscript> <regsvr32>
   export WINEPREFIX=$prefix
   register() { local d; for d in $(dlls "$arch"); do wine "$regsvr32" /s "$@" "$(winpath "$d")" >/dev/null 2>&1 || fail "$arch regsvr32 $* $(basename "$d")"; done; }
   register
+  if [ -n "$HOSTILE" ]; then
+    exe=${BUILD_PREFIX}$arch/tests/windows/valmetra_win_tests.exe
+    out=$(cd "$(dirname "$exe")" && VALMETRA_HOSTILE_SECONDS=$HOSTILE timeout $((HOSTILE + 300)) wine "$exe" \
+      --gtest_filter=Calls.RandomHostileCalls 2>&1 | tr -d '\r'); rc=$?
+    grep '^\[ random' <<<"$out" | sed 's/^/        /'
+    if [ $rc -eq 0 ] && grep -q '\[  PASSED  \] 1 test' <<<"$out"; then pass "$arch random hostile calls, $HOSTILE s"
+    else fail "$arch random hostile calls (exit $rc)"; grep -E 'Failure|seed|Expected' <<<"$out" | head -n 30; fi
+    register /u
+    wineserver -w
+    unset WINEPREFIX
+    return
+  fi
   registered "$arch" "$prefix" yes
   for exe in ${BUILD_PREFIX}$arch/tests/windows/valmetra_win_tests.exe; do
     [ -f "$exe" ] || { fail "$arch: $exe not built"; continue; }
@@ -118,7 +134,7 @@ SUMMARY=()
 for arch in x64 x86; do
   START=$SECONDS
   echo "== $arch static checks"
-  for dll in $(dlls $arch); do static_check $arch "$dll"; done
+  [ -z "$HOSTILE" ] && for dll in $(dlls $arch); do static_check $arch "$dll"; done
   if ! command -v wine >/dev/null; then
     fail "$arch: wine is not installed (make deps installs it)"
   elif [ $arch = x64 ]; then
