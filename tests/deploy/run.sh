@@ -134,12 +134,18 @@ paths() {
 
   # Per-user, from a folder with spaces and non-ASCII letters.
   M='C:\users\Public\Valmetra Tëst Ωmega'; mkdir -p "$(unix "$M")"; cp "$(unix "$D")"/* "$(unix "$M")/"; R="$M\\valmetra-register.exe"
-  while IFS='|' read -r what code args; do
-    eval "wine \"\$R\" $args" >/dev/null 2>&1
-    expect "valmetra-register $what: exit $code" [ $? = "$code" ]
+  local OTHER OTHER_DLL rc; OTHER=$([ $ARCH = x64 ] && echo x86 || echo x64); OTHER_DLL=$(wz "$STAGE/$OTHER/Valmetra-445.Dll")
+  while IFS='|' read -r what code args text; do
+    eval "wine \"\$R\" $args" >"$W/reg.out" 2>&1; rc=$?
+    eval "text=\"$text\""
+    expect "valmetra-register $what: exit $code, '$text'" bash -c '[ "$1" = "$2" ] && grep -qF -- "$3" "$4"' _ "$rc" "$code" "$text" "$W/reg.out"
   done <<'CASES'
-with a DLL that does not exist|126|/user 'C:\nowhere\none.dll'
-with /user and /machine|87|/user /machine 'C:\x.dll'
+/?|0|/?|usage: valmetra-register
+--help|0|--help|usage: valmetra-register
+with a DLL that does not exist|126|/user 'C:\nowhere\none.dll'|not found
+with the other bitness's DLL|193|/user "$OTHER_DLL"|use the $OTHER valmetra-register
+with a program|193|/user "$R"|a program, not a library
+with /user and /machine|87|/user /machine 'C:\x.dll'|usage: valmetra-register
 CASES
   for n in 1 2; do
     for dll in "${DLLS[@]}"; do expect "valmetra-register /user $dll ($n)" wine "$R" /user /quiet "$M\\$dll"; done
