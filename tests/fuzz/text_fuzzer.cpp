@@ -1,18 +1,19 @@
 // Number text (stats/number_text.h) and number strings (stats/average.h).
-//
 // Input: a selector byte, 4 bytes of host environment, then by selector % 4:
 //   0  texts read with text_to_number (Input::text, each ended by 0xFF);
 //   1  Singles (4 bytes each) written with single_to_text;
-//   2  actions on a SingleAverage and an IntegerAverage, each one byte a:
+//   2  actions on a SingleAverage and an IntegerAverage, one byte a each:
 //      a % 4 == 0 HereIsAStringOfNumbers(text), 1 IncludeThisStringOfNumbers(text),
 //      2 AddAPieceOfData(number), 3 AddNumericData(number) (numbers: 4 bytes);
 //   3  Singles (4 bytes each) shown with percent_display_text.
-// Every call runs in the hostile environment (fuzz_support.h); where a result
-// is text or a number it must also equal the result in the default one.
+// Every call runs in the hostile environment (fuzz_support.h); a text or
+// number result must equal the one in the default environment.
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
+#include <cstring>
+#include <regex>
 #include <string>
 
 #include "frame/arith.h"
@@ -27,26 +28,33 @@ using fuzz::Env;
 
 std::string narrow(std::u16string_view s) {
   std::string out;
-  for (char16_t c : s) out += c >= 0x20 && c < 0x7F ? static_cast<char>(c) : '?';
-  return out.size() > 200 ? out.substr(0, 200) + "..." : out;
+  for (char16_t c : s.substr(0, 200)) out += c >= 0x20 && c < 0x7F ? static_cast<char>(c) : '?';
+  return out;
+}
+std::string show(float v) { return std::to_string(v) + " (" + std::to_string(std::bit_cast<std::uint32_t>(v)) + ")"; }
+
+template <class T>  // bit for bit
+bool same(const T& a, const T& b) {
+  if constexpr (std::is_arithmetic_v<T>) return std::memcmp(&a, &b, sizeof a) == 0;
+  else return a == b;
 }
 
-std::string show(float v) {
-  char buf[48];
-  std::snprintf(buf, sizeof buf, "%.9g (%08x)", v, std::bit_cast<std::uint32_t>(v));
-  return buf;
+// f() in env and in the default environment: its result in env and the
+// error, both the same as in the default environment.
+template <class F>
+auto both(const Env& env, F f, const std::string& what) {
+  decltype(f()) r{}, calm{};
+  const int e = fuzz::call(env, [&] { r = f(); });
+  FUZZ_CHECK(fuzz::call(Env{}, [&] { calm = f(); }) == e && same(r, calm), what + ": another result in the host's environment");
+  return std::pair{r, e};
 }
 
-// The result and the error of text_to_number, in env and in the default one.
+// A number, Type mismatch or Overflow; never a non-finite number.
 std::pair<std::uint64_t, int> parse(std::u16string_view t, const Env& env) {
-  double v = 0, calm = 0;
-  const int e = fuzz::call(env, [&] { v = text_to_number(t); });
-  const int e_calm = fuzz::call(Env{}, [&] { calm = text_to_number(t); });
-  FUZZ_CHECK(e == e_calm && std::bit_cast<std::uint64_t>(v) == std::bit_cast<std::uint64_t>(calm),
-             "\"" + narrow(t) + "\" reads differently in the host's environment");
-  FUZZ_CHECK(e == 0 || e == 6 || e == 13, "\"" + narrow(t) + "\": error " + std::to_string(e));
-  FUZZ_CHECK(e != 0 || std::isfinite(v), "\"" + narrow(t) + "\" reads as a non-finite number");
-  return {std::bit_cast<std::uint64_t>(v), e};
+  const std::string what = "\"" + narrow(t) + "\"";
+  const auto [v, e] = both(env, [&] { return std::bit_cast<std::uint64_t>(text_to_number(t)); }, what);
+  FUZZ_CHECK((e == 0 && std::isfinite(std::bit_cast<double>(v))) || e == 6 || e == 13, what + ": error " + std::to_string(e));
+  return {v, e};
 }
 
 // Blanks around a number change nothing; a sign before it negates it exactly.
@@ -61,10 +69,8 @@ void check_reading(const std::u16string& t, const Env& env) {
 }
 
 std::u16string format(float v, const Env& env) {
-  std::u16string s, calm;
-  FUZZ_CHECK(fuzz::call(env, [&] { s = single_to_text(v); }) == 0, show(v) + ": writing failed");
-  fuzz::call(Env{}, [&] { calm = single_to_text(v); });
-  FUZZ_CHECK(s == calm, show(v) + " is written differently in the host's environment");
+  const auto [s, e] = both(env, [&] { return single_to_text(v); }, show(v));
+  FUZZ_CHECK(e == 0, show(v) + ": writing failed");
   return s;
 }
 
@@ -74,32 +80,21 @@ std::u16string format(float v, const Env& env) {
 // of the 7th digit (plus the rounding to a Single), whose own text reads back
 // as exactly that Single.
 void check_single_text(float v, const Env& env) {
+  static const std::regex kForm(
+      "-?([1-9][0-9]{0,6}(\\.[0-9]*[1-9])?|0\\.0{0,3}[1-9]([0-9]*[1-9])?|[1-9](\\.[0-9]*[1-9])?E(-(0[5-9]|[1-9][0-9]+)|\\+(0[7-9]|[1-9][0-9]+)))");
   const std::u16string s = format(v, env);
-  const std::string what = show(v) + " written as " + narrow(s);
+  const std::string what = show(v) + " written as " + narrow(s), m = narrow(s.substr(0, s.find(u'E')));
   if (!std::isfinite(v) || v == 0) {
     FUZZ_CHECK(s == (std::isnan(v) ? u"NaN" : v == 0 ? u"0" : v > 0 ? u"Infinity" : u"-Infinity"), what);
     return;
   }
-  const std::size_t e_at = s.find(u'E'), start = s[0] == u'-' ? 1 : 0;
-  const std::u16string m = s.substr(start, e_at - start);
-  const std::size_t point = m.find(u'.'), first = m.find_first_not_of(u"0.");
-  const std::size_t digits = m.size() - first - (point != std::u16string::npos && point > first);
-  FUZZ_CHECK((s[0] == u'-') == std::signbit(v) && digits <= 7 && first != std::u16string::npos, what);
-  FUZZ_CHECK(m.find_first_not_of(u"0123456789.") == std::u16string::npos && m.find(u'.', point + 1) == m.npos, what);
-  FUZZ_CHECK(point == std::u16string::npos || (m.back() != u'0' && m.back() != u'.' && point > 0), what);
-  if (e_at != std::u16string::npos) {
-    const std::u16string x = s.substr(e_at + 1);
-    const int exponent = std::stoi(narrow(x));
-    FUZZ_CHECK(first == 0 && (point == 1 || m.size() == 1) && (exponent <= -5 || exponent >= 7), what);
-    FUZZ_CHECK((x[0] == u'+' || x[0] == u'-') && x.size() >= 3 && (x.size() == 3 || x[1] != u'0'), what);
-  } else {
-    FUZZ_CHECK(first == 0 ? (point == std::u16string::npos ? m.size() : point) <= 7 : m[0] == u'0' && point == 1
-                                                                                        && first <= 5, what);
-  }
+  const std::size_t first = m.find_first_not_of("-0.");
+  FUZZ_CHECK(std::regex_match(narrow(s), kForm) && (s[0] == u'-') == std::signbit(v) &&
+                 std::count_if(m.begin() + first, m.end(), [](char c) { return c != '.'; }) <= 7,
+             what);
   const auto read = parse(s, env);
   float back = 0;
-  FUZZ_CHECK(read.second == 0 && fuzz::call(env, [&] { back = to_single(std::bit_cast<double>(read.first)); }) == 0,
-             what);
+  FUZZ_CHECK(read.second == 0 && fuzz::call(env, [&] { back = to_single(std::bit_cast<double>(read.first)); }) == 0, what);
   FUZZ_CHECK(std::fabs(double{back} - v) <= 7e-7 * std::fabs(v) && std::signbit(back) == std::signbit(v),
              what + " reads back as " + show(back));
   const auto [again, error2] = parse(format(back, env), env);
@@ -109,19 +104,14 @@ void check_single_text(float v, const Env& env) {
 // "##%": the ratio times 100 rounded to a whole number, halves away from
 // zero, without leading zeros or a digit for 0, '-' before a negative one.
 void check_percent_display(float v, const Env& env) {
-  std::u16string s, calm;
-  const int e = fuzz::call(env, [&] { s = percent_display_text(v); });
-  fuzz::call(Env{}, [&] { calm = percent_display_text(v); });
-  FUZZ_CHECK(e == (std::isfinite(v) ? 0 : 6) && s == calm, show(v) + ": " + narrow(s));
+  static const std::regex kForm("-?([1-9][0-9]*)?%");
+  const auto [s, e] = both(env, [&] { return percent_display_text(v); }, show(v));
+  const std::string what = show(v) + " shows " + narrow(s), digits = narrow(s.substr(s[0] == u'-', s.size() - (s[0] == u'-') - 1));
+  FUZZ_CHECK(e == (std::isfinite(v) ? 0 : 6), what);
   if (e != 0) return;
-  const std::size_t start = s[0] == u'-' ? 1 : 0;
-  const std::string digits = narrow(s.substr(start, s.size() - start - 1));
   const double want = std::fabs(double{v}) * 100, shown = digits.empty() ? 0 : std::strtod(digits.c_str(), nullptr);
-  FUZZ_CHECK(s.back() == u'%' && (start == 1) == (std::signbit(v) && !digits.empty()) && digits[0] != '0' &&
-                 digits.find_first_not_of("0123456789") == std::string::npos,
-             show(v) + ": " + narrow(s));
-  FUZZ_CHECK(std::fabs(shown - want) < 0.5 || (std::fabs(shown - want) == 0.5 && shown > want),
-             show(v) + " shows " + narrow(s));
+  FUZZ_CHECK(std::regex_match(narrow(s), kForm) && (s[0] == u'-') == (std::signbit(v) && !digits.empty()), what);
+  FUZZ_CHECK(std::fabs(shown - want) < 0.5 || (std::fabs(shown - want) == 0.5 && shown > want), what);
 }
 
 // Number strings: cutting keeps every character but the spaces around the
@@ -131,25 +121,22 @@ void check_number_strings(fuzz::Input& in, const Env& env) {
   IntegerAverage ia;
   std::size_t items = 0, budget = 200000;  // items: at most this many
   bool texts_only = true, finite = true;
+  auto list = [&](auto& avg) { return both(env, [&] { return avg.GiveMeYourNumbers().str(); }, "listing"); };
   for (int n = 0; n < 64 && !in.empty(); ++n) {
     const int action = in.byte() % 4;
     if (action <= 1) {
       const std::u16string t = in.text(std::min<std::size_t>(70000, budget));
       budget -= t.size();
-      auto cut = [&](auto& avg) {
-        return fuzz::call(env, [&] { action == 0 ? avg.HereIsAStringOfNumbers(t) : avg.IncludeThisStringOfNumbers(t); });
-      };
+      auto cut = [&](auto& avg) { return fuzz::call(env, [&] { action ? avg.IncludeThisStringOfNumbers(t) : avg.HereIsAStringOfNumbers(t); }); };
       const int e = cut(sa);
       FUZZ_CHECK(e == cut(ia) && (e == 0 || (e == 6 && t.size() >= 32767)), "cutting: error " + std::to_string(e));
       if (action == 0) items = 0, texts_only = finite = true;
       items += std::count(t.begin(), t.end(), u',') + 1;
       if (action != 0 || e != 0 || t.size() >= 32767) continue;
-      std::u16string ls, li;
-      FUZZ_CHECK(fuzz::call(env, [&] { ls = sa.GiveMeYourNumbers().str(); }) == 0, "listing failed");
-      FUZZ_CHECK(fuzz::call(env, [&] { li = ia.GiveMeYourNumbers().str(); }) == 0, "listing failed");
-      auto strip = [](std::u16string s) { return std::erase_if(s, [](char16_t c) { return c == u' ' || c == u','; }), s; };
+      const auto [ls, es] = list(sa);
+      const auto strip = [](std::u16string s) { return std::erase_if(s, [](char16_t c) { return c == u' ' || c == u','; }), s; };
       const auto commas = std::count(t.begin(), t.end(), u',') - (t.size() >= 2 && t.back() == u',');
-      FUZZ_CHECK(ls == li && strip(ls) == strip(t) && std::count(ls.begin(), ls.end(), u',') == commas,
+      FUZZ_CHECK(es == 0 && list(ia) == list(sa) && strip(ls) == strip(t) && std::count(ls.begin(), ls.end(), u',') == commas,
                  "\"" + narrow(t) + "\" is listed as \"" + narrow(ls) + "\"");
     } else {
       const std::uint32_t b = in.u32();
@@ -159,31 +146,24 @@ void check_number_strings(fuzz::Input& in, const Env& env) {
       ++items, texts_only = false, finite = finite && (std::isfinite(x) || (action == 3 && !(x > 0)));
     }
   }
-  std::u16string ls, li;
-  const int e = fuzz::call(env, [&] { ls = sa.GiveMeYourNumbers().str(); });
-  FUZZ_CHECK(e == fuzz::call(env, [&] { li = ia.GiveMeYourNumbers().str(); }) && (e == 0 || items >= 32768),
-             "listing: error " + std::to_string(e));
+  const auto ls = list(sa), li = list(ia);
+  FUZZ_CHECK(ls.second == li.second && (ls.second == 0 || items >= 32768), "listing: error " + std::to_string(ls.second));
   FUZZ_CHECK(!texts_only || ls == li, "the averages list the same texts differently");
-  auto statistics = [&](auto& avg, float& mean, float& high, float& low) {
-    float again = 0;
-    std::array<int, 3> e{};
-    e[0] = fuzz::call(env, [&] { mean = avg.DataAverage(); });
-    FUZZ_CHECK(fuzz::call(env, [&] { again = avg.Average(); }) == e[0] &&
-                   (e[0] != 0 || std::bit_cast<std::uint32_t>(again) == std::bit_cast<std::uint32_t>(mean)), "Average");
-    e[1] = fuzz::call(env, [&] { high = avg.DataHighest(); });
-    e[2] = fuzz::call(env, [&] { low = avg.DataLowest(); });
-    for (int k : e) FUZZ_CHECK(k == 0 || k == 6 || k == 13, "statistic: error " + std::to_string(k));
-    FUZZ_CHECK(e[0] != 0 || !finite || std::isfinite(mean), "DataAverage " + show(mean) + " over finite items");
-    FUZZ_CHECK(e[1] != 0 || (high >= 0 && high <= 32767 && high == std::trunc(high)), "DataHighest " + show(high));
-    FUZZ_CHECK(e[2] != 0 || (low <= 0 && low >= -32768 && low == std::trunc(low)), "DataLowest " + show(low));
-    return e;
+  auto statistics = [&](auto& avg) {
+    const auto mean = both(env, [&] { return avg.DataAverage(); }, "DataAverage"), again = both(env, [&] { return avg.Average(); }, "Average");
+    const auto high = both(env, [&] { return float(avg.DataHighest()); }, "DataHighest"), low = both(env, [&] { return float(avg.DataLowest()); }, "DataLowest");
+    FUZZ_CHECK(again.second == mean.second && (mean.second || same(again.first, mean.first)), "Average is not DataAverage");
+    for (int k : {mean.second, high.second, low.second}) FUZZ_CHECK(k == 0 || k == 6 || k == 13, "statistic: error " + std::to_string(k));
+    const float m = mean.first, h = high.first, l = low.first;
+    FUZZ_CHECK(mean.second != 0 || !finite || std::isfinite(m), "DataAverage " + show(m) + " over finite items");
+    FUZZ_CHECK(high.second != 0 || (h >= 0 && h <= 32767 && h == std::trunc(h)), "DataHighest " + show(h));
+    FUZZ_CHECK(low.second != 0 || (l <= 0 && l >= -32768 && l == std::trunc(l)), "DataLowest " + show(l));
+    return std::array{mean, high, low};
   };
-  float mean = 0, high = 0, low = 0, imean = 0, ihigh = 0, ilow = 0;
-  const auto es = statistics(sa, mean, high, low), ei = statistics(ia, imean, ihigh, ilow);
-  FUZZ_CHECK(!texts_only || (es[1] == ei[1] && es[2] == ei[2] && (es[1] || high == ihigh) && (es[2] || low == ilow)),
-             "the averages' extremes of the same texts differ");
-  FUZZ_CHECK(ei[0] || ei[1] || ei[2] || (imean >= ilow - 2 && imean <= ihigh + 1),
-             "IntegerAverage mean " + show(imean) + " outside " + show(ilow) + ".." + show(ihigh));
+  const auto s = statistics(sa), i = statistics(ia);
+  FUZZ_CHECK(!texts_only || (s[1] == i[1] && s[2] == i[2]), "the averages' extremes of the same texts differ");
+  FUZZ_CHECK(i[0].second || i[1].second || i[2].second || (i[0].first >= i[2].first - 2 && i[0].first <= i[1].first + 1),
+             "IntegerAverage's mean outside its extremes");
 }
 
 }  // namespace
