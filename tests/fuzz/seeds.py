@@ -1,45 +1,34 @@
 #!/usr/bin/env python3
-"""Writes the seed corpora of the fuzz targets into tests/fuzz/corpus/<target>/.
-
-The seeds are the documented edge cases and the inputs of the faults fuzzing
-found, encoded as each target reads its input (see the comment at the top of
-text_fuzzer.cpp and operations_fuzzer.cpp); the smoke run replays them all.
-Run it again after changing an input format.
-"""
-import hashlib
-import os
-import struct
+"""Writes the seed corpora of the fuzz targets (tests/fuzz/corpus/<target>/): the documented edge cases and the
+inputs of the faults fuzzing found, encoded as each target reads its input (see the top of text_fuzzer.cpp and
+operations_fuzzer.cpp); the smoke run replays them all. Run it again after changing an input format."""
+import hashlib, os, struct  # noqa: E401
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ALPHABET = "0123456789012345,,,,    ..--++eE\t 5,0.1e9"  # fuzz::Input::text
 CALM = bytes(4)  # round to nearest, nothing unmasked
 # Both roundings changed, every exception unmasked, x87 precision 24 bits, FTZ and DAZ.
 HOSTILE = struct.pack("<I", 0x000FFC0D)
-# operations: environment bytes of one call (fuzz::hostile_env(mix(byte))): 27 unmasks invalid,
+# operations: environment bytes of one call (hostile_env of the byte, mixed): 27 unmasks invalid,
 # denormal, division by zero, underflow and inexact with DAZ; 49 all but division by zero, FTZ+DAZ.
 TRAPS = (27, 49)
 NO_FAULT = 255  # operations: the byte that arms no injected history failure
 
 
-def text(s):
-    """Bytes that fuzz::Input::text turns into s, ended by 0xFF."""
-    out = bytearray()
-    for ch in s:
-        out += bytes([ALPHABET.index(ch)]) if ch in ALPHABET else b"\xf0" + struct.pack("<H", ord(ch))
-    return bytes(out) + b"\xff"
+def text(s):  # the bytes fuzz::Input::text turns into s, ended by 0xFF
+    return b"".join(bytes([ALPHABET.index(c)]) if c in ALPHABET else b"\xf0" + struct.pack("<H", ord(c)) for c in s) + b"\xff"
 
 
-def repeat(count_of_64):
-    """Repeats the last character count_of_64 * 64 times (1..256); inside a text, before its end."""
+def repeat(count_of_64):  # repeats the last character count_of_64 * 64 times (1..256); inside a text, before its end
     return bytes([0xFE, count_of_64 - 1])
 
 
 def f32(*values):
-    return b"".join(struct.pack("<f", v) for v in values)
+    return struct.pack(f"<{len(values)}f", *values)
 
 
 def u32(*values):
-    return b"".join(struct.pack("<I", v) for v in values)
+    return struct.pack(f"<{len(values)}I", *values)
 
 
 def write(target, seeds):
@@ -113,10 +102,6 @@ def operations_seeds():
     return seeds
 
 
-def main():
+if __name__ == "__main__":
     write("text", text_seeds())
     write("operations", operations_seeds())
-
-
-if __name__ == "__main__":
-    main()
