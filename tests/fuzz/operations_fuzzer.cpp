@@ -323,15 +323,8 @@ class Run {
 
   fuzz::Input in_;
   bool hostile_;
-  IntegerData integers_[2];
-  LongData longs_[2];
-  SingleData singles_[2];
-  DoubleData doubles_[2];
-  BooleanData booleans_[2];
-  IntegerPercent integer_percent_;
-  LongPercentData long_percent_;
-  SinglePercentData single_percent_;
-  DoublePercentData double_percent_;
+  IntegerData integers_[2]; LongData longs_[2]; SingleData singles_[2]; DoubleData doubles_[2]; BooleanData booleans_[2];
+  IntegerPercent integer_percent_; LongPercentData long_percent_; SinglePercentData single_percent_; DoublePercentData double_percent_;
   std::vector<std::uint64_t> shadow_[6];  // what the history holds, per type, in bits
 };
 
