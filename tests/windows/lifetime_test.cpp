@@ -7,7 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "leaks.h"
 #include "support.h"
 
 namespace vt {

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <initializer_list>
 #include <string>
@@ -78,17 +79,25 @@ ComPtr<I> create_as(const wchar_t* class_name) {
   return out;
 }
 
-// VARIANT builders (the caller's variables of a script host).
-VARIANT v_i2(short v);
-VARIANT v_i4(long v);
-VARIANT v_r8(double v);
-VARIANT v_bool(bool v);
-VARIANT v_missing();
-VARIANT v_ref(short* p);
-VARIANT v_ref(long* p);
-VARIANT v_ref(VARIANT* p);
+// VARIANT builders (the caller's variables of a script host). Every member
+// of the VARIANT's union starts at the same place.
+template <class T>
+VARIANT v_of(VARTYPE vt, T value) {
+  VARIANT r;
+  VariantInit(&r);
+  r.vt = vt;
+  std::memcpy(&r.iVal, &value, sizeof value);
+  return r;
+}
+inline VARIANT v_i2(SHORT v) { return v_of(VT_I2, v); }
+inline VARIANT v_r8(DOUBLE v) { return v_of(VT_R8, v); }
+inline VARIANT v_bool(bool v) { return v_of(VT_BOOL, VARIANT_BOOL(v ? VARIANT_TRUE : VARIANT_FALSE)); }
+inline VARIANT v_missing() { return v_of(VT_ERROR, SCODE{DISP_E_PARAMNOTFOUND}); }
+inline VARIANT v_ref(SHORT* p) { return v_of(VT_BYREF | VT_I2, p); }
+inline VARIANT v_ref(LONG* p) { return v_of(VT_BYREF | VT_I4, p); }
+inline VARIANT v_ref(VARIANT* p) { return v_of(VT_BYREF | VT_VARIANT, p); }
 // Owns its BSTR: give it to an Args, which clears its values.
-VARIANT v_text(const wchar_t* text);
+inline VARIANT v_text(const wchar_t* text) { return v_of(VT_BSTR, SysAllocString(text)); }
 
 // A late-bound call as a script host makes it: arguments in natural order
 // (stored last first, as DISPPARAMS wants them).
@@ -168,5 +177,34 @@ class Probe final : public IDispatch {
   ULONG refs_ = 1;
 };
 
+
+// ------------------------------------------------------------ leak checks
+// Objects: after every test (a listener installed for the whole program)
+// both DLLs must answer DllCanUnloadNow with S_OK, that is no object,
+// factory, global instance, apartment watcher or lock of theirs is alive.
+//
+// Task memory (BSTRs and everything else from the OLE allocator): a malloc
+// spy registered on first use records every allocation that is not yet
+// freed, and the BSTR cache of the Automation runtime is switched off so
+// that a freed string really is freed. MemoryLeaks measures one stretch of
+// a test.
+// The task-memory blocks allocated since construction and not freed
+// (the thread's error information is dropped first: it holds strings).
+class MemoryLeaks {
+ public:
+  MemoryLeaks();
+  MemoryLeaks(const MemoryLeaks&) = delete;
+  MemoryLeaks& operator=(const MemoryLeaks&) = delete;
+  std::size_t count() const;
+  // Sizes of up to a few of them, for the failure message.
+  std::string describe() const;
+
+ private:
+  unsigned long long start_;
+};
+
+// True when the DLL under test and the value history component can be
+// unloaded now.
+bool nothing_alive();
 
 }  // namespace vt
