@@ -544,6 +544,23 @@ TEST_F(Calls, EveryEntryWithEveryArgumentFormAgreesAcrossPathsAndEnvironments) {
             ADD_FAILURE() << e.name << " with " << f.name << " (host " << host << ")\n  Invoke "
                           << ::testing::PrintToString(a) << "\n  table  " << ::testing::PrintToString(b);
         }
+  // One argument too many, on both paths: refused, whatever the entry.
+  for (const ClassDesc& c : classes())
+    for (const Entry& e : c.entries) {
+      ComPtr<IDispatch> o = make(c);
+      std::vector<VARIANT> rgvarg(e.params.size() + 1, v_i2(2));
+      DISPID put = DISPID_PROPERTYPUT;
+      DISPPARAMS params{rgvarg.data(), e.flags == DISPATCH_PROPERTYPUT ? &put : nullptr,
+                        static_cast<UINT>(rgvarg.size()), e.flags == DISPATCH_PROPERTYPUT ? 1u : 0u};
+      EXPECT_EQ(o->Invoke(e.id, IID_NULL, 0, e.flags, &params, nullptr, nullptr, nullptr), DISP_E_BADPARAMCOUNT)
+          << e.name;
+      if (e.member) {
+        EXPECT_EQ(valmetra::com::invoke(*c.table, o.get(), e.id, IID_NULL, 0, e.flags, &params, nullptr, nullptr,
+                                        nullptr),
+                  DISP_E_BADPARAMCOUNT)
+            << e.name;
+      }
+    }
   clear_history();
   RemoveVectoredExceptionHandler(handler);
   EXPECT_EQ(leaks.count(), 0u) << leaks.describe();
