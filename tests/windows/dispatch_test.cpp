@@ -67,7 +67,8 @@ TEST_F(Dispatch, UnknownNamesAndParameterNames) {
   EXPECT_EQ(object->GetIDsOfNames(IID_IDispatch, name, 1, 0, &id), DISP_E_UNKNOWNINTERFACE);
 }
 
-// Swap writes the caller's variable, only when the call succeeds.
+// Swap writes the caller's typed variable; a reference to another type is
+// refused before the call. (A script's Variant variable: classes.vbs.)
 TEST_F(Dispatch, WrittenBackArgumentsReachTheCallersVariable) {
   ComPtr<IDispatch> object = create(L"IntegerData");
   const DISPID swap = dispid_of(object.get(), L"Swap");
@@ -80,22 +81,6 @@ TEST_F(Dispatch, WrittenBackArgumentsReachTheCallersVariable) {
   EXPECT_EQ(typed, 1);
   EXPECT_EQ(get_number(object.get(), L"Value"), 2);
 
-  // A script's variable: a Variant passed by reference; it takes the
-  // parameter's type.
-  VARIANT variable = v_text(L"7");
-  Call b;
-  invoke(b, object.get(), swap, DISPATCH_METHOD, {v_ref(&variable)});
-  ASSERT_EQ(b.hr, S_OK);
-  EXPECT_EQ(variable.vt, VT_I2);
-  EXPECT_EQ(variable.iVal, 2);
-  EXPECT_EQ(get_number(object.get(), L"Value"), 7);
-
-  // By value: the operation runs, nothing is written anywhere.
-  Call d;
-  invoke(d, object.get(), swap, DISPATCH_METHOD, {v_i2(9)});
-  ASSERT_EQ(d.hr, S_OK);
-  EXPECT_EQ(get_number(object.get(), L"Value"), 9);
-
   // A reference to another type cannot receive the value: refused before the call.
   long wrong = 5;
   Call e;
@@ -103,7 +88,7 @@ TEST_F(Dispatch, WrittenBackArgumentsReachTheCallersVariable) {
   EXPECT_EQ(e.hr, DISP_E_TYPEMISMATCH);
   EXPECT_EQ(e.arg_error, 0u);
   EXPECT_EQ(wrong, 5);
-  EXPECT_EQ(get_number(object.get(), L"Value"), 9);
+  EXPECT_EQ(get_number(object.get(), L"Value"), 2);
 }
 
 // ------------------------------------------------------------ failures
