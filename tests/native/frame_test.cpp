@@ -51,7 +51,7 @@ void check_arith(std::initializer_list<ArithRow> rows) {
           : r.op == '*' ? checked_mul(a, b) : checked_div(a, b);
     });
     EXPECT_EQ(error, r.error) << r.a << r.op << r.b;
-    if (r.error == 0) EXPECT_EQ(got, r.result) << r.a << r.op << r.b;
+    if (r.error == 0) { EXPECT_EQ(got, r.result) << r.a << r.op << r.b; }
   }
 }
 
@@ -85,13 +85,13 @@ TEST(Conversions, ToIntegerAndToLong) {
                  Row{kInf, 0, 6}, Row{-kInf, 0, 6}}) {
     Integer got = 0;
     EXPECT_EQ(error_of([&] { got = to_integer(r.in); }), r.error) << r.in;
-    if (r.error == 0) EXPECT_EQ(got, r.out) << r.in;
+    if (r.error == 0) { EXPECT_EQ(got, r.out) << r.in; }
   }
   for (auto r : {Row{2147483647.4, 2147483647, 0}, Row{2147483647.5, 0, 6}, Row{-2147483648.5, INT32_MIN, 0},
                  Row{-2147483649.0, 0, 6}, Row{4.5, 4, 0}, Row{3e9, 0, 6}, Row{kNaN, 0, 6}}) {
     Long got = 0;
     EXPECT_EQ(error_of([&] { got = to_long(r.in); }), r.error) << r.in;
-    if (r.error == 0) EXPECT_EQ(got, r.out) << r.in;
+    if (r.error == 0) { EXPECT_EQ(got, r.out) << r.in; }
   }
 }
 
@@ -103,7 +103,7 @@ TEST(Conversions, ToSingleRoundsToNearestAndOverflows) {
                  Row{1.0 + 0x1p-24, 0x3f800000, 0}, Row{1.0 + 0x1p-24 + 0x1p-40, 0x3f800001, 0}}) {
     float got = 0;
     EXPECT_EQ(error_of([&] { got = to_single(r.in); }), r.error) << r.in;
-    if (r.error == 0) EXPECT_EQ(std::bit_cast<std::uint32_t>(got), r.bits) << r.in;
+    if (r.error == 0) { EXPECT_EQ(std::bit_cast<std::uint32_t>(got), r.bits) << r.in; }
   }
   EXPECT_TRUE(std::isnan(to_single(kNaN)));
 }
@@ -115,7 +115,7 @@ TEST(Conversions, PowerService) {
                  Row{-8, 1.0 / 3, 0, 5}, Row{kNaN, 1, 0, 5}}) {
     double got = 0;
     EXPECT_EQ(error_of([&] { got = power(r.x, r.y); }), r.error) << r.x << "^" << r.y;
-    if (r.error == 0) EXPECT_EQ(got, r.out) << r.x << "^" << r.y;
+    if (r.error == 0) { EXPECT_EQ(got, r.out) << r.x << "^" << r.y; }
   }
 }
 
@@ -142,7 +142,7 @@ TEST(FloatingCheck, HostWithUnmaskedTrapsGetsErrorsNotSignals) {
     const auto before = observe_env();
     EXPECT_EQ(error_of([] { fp::checked([] { return fp::opaque(1.0) / fp::opaque(0.0); }); }), 11);
     EXPECT_EQ(error_of([] { to_single(1e300); }), 6);
-    EXPECT_EQ(error_of([] { to_integer(kNaN); }), 6);
+    EXPECT_EQ(error_of([] { fp::Scope s; to_integer(kNaN); }), 6);  // callers compare inside a scope
     EXPECT_EQ(error_of([] { power(0.0, -1.0); }), 11);
     EXPECT_EQ(error_of([] { power(10.0, 400.0); }), 6);
     EXPECT_EQ(observe_env(), before);
