@@ -51,7 +51,8 @@ TEST(TextCatalogue, SlotsNamesAndTexts) {
 TEST(TextCatalogue, ExactAndSharedTexts) {
   struct Row { std::u16string_view name, text; };
   for (auto r : {Row{u"cstHereWeGo", u"           Here we go..."}, Row{u"cstIsItOK", u"Is it OK  to Overwrite Cell: "},
-                 Row{u"cstAndChanges", u"&Changes"}, Row{u"cstCommonSimulatorText", u"Karvo 's Casino Blackjack Simulator - "},
+                 Row{u"cstAndChanges", u"&Changes"},
+                 Row{u"cstCommonSimulatorText", u"Karvo 's Casino Blackjack Simulator - "},
                  Row{u"cstPellDorrinsWGB", u"Pell Dorrin's World's Greatest Blackjack Book - P.169-70"},
                  Row{u"cstCasinoDescriptorFiles", u"CasinoDescriptor Files (*.Cdf)"},
                  Row{u"cstEmptySeat", u"Empty Seat"}, Row{u"cstSeatIsEmpty", u"Empty Seat"}}) {
