@@ -163,7 +163,9 @@ TEST(FloatingCheck, HostRoundingModeFlushToZeroAndStickyFlagsSurvive) {
   test::as_host(arm, [] {
     const auto before = observe_env();
     EXPECT_EQ(to_single(1.0 + 0x1p-30), 1.0f);  // upward would give the next float
+    EXPECT_EQ(to_single(1.0 + 0x1p-52), 1.0f);
     EXPECT_EQ(std::bit_cast<std::uint32_t>(to_single(0x1p-149)), 1u);  // not flushed
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(to_single(0x1p-127)), 0x00400000u);  // an exact denormal
     EXPECT_EQ(power(2.0, 0.5), 1.4142135623730951);
     EXPECT_EQ(error_of([] { fp::checked([] { return fp::opaque(0.0) / fp::opaque(0.0); }); }), 6);
     EXPECT_EQ(observe_env(), before);
