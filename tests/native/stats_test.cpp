@@ -232,13 +232,16 @@ TEST(SingleAverage, NumbersAndTheirListing) {
 // text (compared as bits), or the error.
 TEST(NumberText, Reading) {
   struct Row { std::u16string_view text; double value; int error = 0; };
-  const std::u16string zeros = std::u16string(400, u'0') + u"1e-330";  // leading zeros are no magnitude
+  // Beyond the Double range, huge or tiny is told by the magnitude, leading zeros and exponent alike.
+  const std::u16string zeros = std::u16string(400, u'0') + u"1e-330", tiny = u"0." + std::u16string(429, u'0') + u"1e100",
+                       huge = u"1" + std::u16string(10999, u'0') + u"e-9999";
   const Row rows[] = {
       {u"5", 5}, {u"  42  ", 42}, {u"\t-3.5\t", -3.5}, {u"+7", 7}, {u"-5", -5}, {u"5.", 5}, {u".5", 0.5},
       {u"-.25", -0.25}, {u"1e3", 1000}, {u"-2.5E+1", -25}, {u"1.5E-07", 1.5e-7}, {u"2.7", 2.7}, {u"0.1", 0.1},
       {u"00012.50e+02", 1250}, {u"-0", -0.0}, {u"0e999", 0}, {u"-1e-400", -0.0}, {u"100000e-400", 0},
       {u"4.9e-324", 4.9e-324}, {u"1.7976931348623157e308", 1.7976931348623157e308}, {u"1e00002", 100},
-      {u"0.0000000001e-320", 0}, {zeros, 0}, {u"12345678901234567890", 12345678901234567890.0}, {u"-1e-5", -1e-5},
+      {u"0.0000000001e-320", 0}, {zeros, 0}, {tiny, 0}, {huge, 0, E6},
+      {u"12345678901234567890", 12345678901234567890.0}, {u"-1e-5", -1e-5},
       // the fast path's limits: 2^53, 19 digits, 10^22
       {u"9007199254740992", 9007199254740992.0}, {u"9007199254740993", 9007199254740992.0},
       {u"9007199254740995", 9007199254740996.0}, {u"-9007199254740993", -9007199254740992.0},
