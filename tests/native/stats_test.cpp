@@ -26,6 +26,7 @@ namespace valmetra {
 namespace {
 
 using test::error_of;
+using test::in_mode;
 constexpr int E6 = 6, E13 = 13;
 constexpr int kModes[] = {FE_TONEAREST, FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO};
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN(), kInf = std::numeric_limits<float>::infinity(),
@@ -55,13 +56,10 @@ TYPED_TEST(Percent, RatioPercentAndDisplay) {
     for (int i = 0; i < r.samples; ++i) c.AnotherSampleOccured();
     EXPECT_EQ(c.Default(), r.occurrences);
     for (int mode : kModes) {
-      std::fesetround(mode);
-      const float raw = c.RawPercent(), percent = c.Percent();
-      const auto display = c.PercentDisplay();
-      std::fesetround(FE_TONEAREST);
-      EXPECT_EQ(raw, r.raw) << r.occurrences << "/" << r.samples << " mode " << mode;
-      EXPECT_EQ(percent, r.percent) << r.occurrences << "/" << r.samples << " mode " << mode;
-      EXPECT_EQ(display, r.display) << r.occurrences << "/" << r.samples << " mode " << mode;
+      SCOPED_TRACE(testing::Message() << r.occurrences << "/" << r.samples << " mode " << mode);
+      EXPECT_EQ(in_mode(mode, [&] { return c.RawPercent(); }), r.raw);
+      EXPECT_EQ(in_mode(mode, [&] { return c.Percent(); }), r.percent);
+      EXPECT_EQ(in_mode(mode, [&] { return c.PercentDisplay(); }), r.display);
     }
   }
 }
@@ -75,15 +73,12 @@ TEST(PercentCounting, TheTopOfEachCount) {
   EXPECT_EQ(error_of([] { next_count<Long>(2147483647); }), E6);
   constexpr double two53 = 9007199254740992.0;
   for (int mode : kModes) {
-    std::fesetround(mode);
-    const float s[] = {next_count<Single>(0), next_count<Single>(16777215), next_count<Single>(16777216)};
-    const double d[] = {next_count<Double>(two53 - 1), next_count<Double>(two53)};
-    std::fesetround(FE_TONEAREST);
-    EXPECT_EQ(s[0], 1) << mode;
-    EXPECT_EQ(s[1], 16777216) << mode;
-    EXPECT_EQ(s[2], 16777216) << mode;
-    EXPECT_EQ(d[0], two53) << mode;
-    EXPECT_EQ(d[1], two53) << mode;
+    for (auto [from, to] : {std::pair<float, float>{0, 1}, {16777215, 16777216}, {16777216, 16777216}}) {
+      EXPECT_EQ(in_mode(mode, [from] { return next_count<Single>(from); }), to) << from << " mode " << mode;
+    }
+    for (auto [from, to] : {std::pair{two53 - 1, two53}, {two53, two53}}) {
+      EXPECT_EQ(in_mode(mode, [from] { return next_count<Double>(from); }), to) << from << " mode " << mode;
+    }
   }
   IntegerPercent c;
   for (int i = 0; i < 32767; ++i) c.Occured();
@@ -257,10 +252,8 @@ TEST(NumberText, Reading) {
       {u"1e+-5", 0, E13}, {u"5e5x", 0, E13}, {u"5-", 0, E13}};
   for (int mode : kModes) {
     for (const auto& r : rows) {
-      std::fesetround(mode);
       double got = 0;
-      const int error = error_of([&] { got = text_to_number(r.text); });
-      std::fesetround(FE_TONEAREST);
+      const int error = in_mode(mode, [&] { return error_of([&] { got = text_to_number(r.text); }); });
       EXPECT_EQ(error, r.error) << narrow(r.text) << " mode " << mode;
       EXPECT_EQ(bits(got), bits(r.error ? 0.0 : r.value)) << narrow(r.text) << " mode " << mode;
     }
@@ -298,18 +291,7 @@ TEST(NumberText, SingleText) {
       {1e6f, u"1000000"}, {3.4028235e38f, u"3.402823E+38"}, {1e-45f, u"1E-45"}, {1.1754942e-38f, u"1.175494E-38"},
       {1e10f, u"1E+10"}, {1.25e-10f, u"1.25E-10"}, {kInf, u"Infinity"}, {-kInf, u"-Infinity"}, {kNaN, u"NaN"}};
   for (int mode : kModes) {
-    for (const auto& r : rows) {
-      std::fesetround(mode);
-      const auto text = single_to_text(r.value);
-      std::fesetround(FE_TONEAREST);
-      EXPECT_EQ(text, r.text) << r.value << " mode " << mode;
-    }
-  }
-  for (auto [value, text] : {std::pair<Integer, std::u16string_view>{0, u"0"}, {-7, u"-7"}, {32767, u"32767"},
-                             {-32768, u"-32768"}}) {
-    std::u16string out = u"x";
-    append_integer_text(out, value);
-    EXPECT_EQ(out, u"x" + std::u16string(text));
+    for (const auto& r : rows) EXPECT_EQ(in_mode(mode, [&] { return single_to_text(r.value); }), r.text) << r.value;
   }
 }
 

@@ -64,6 +64,13 @@ void as_host(Arm arm, Body body) {
   std::fesetenv(&saved);
   std::signal(SIGFPE, previous);
 }
+// f's result, computed with the host's rounding mode set to mode.
+auto in_mode(int mode, auto&& f) {
+  std::fesetround(mode);
+  auto result = f();
+  std::fesetround(FE_TONEAREST);
+  return result;
+}
 inline void unmask_traps() { feenableexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW); }
 
 }  // namespace valmetra::test
