@@ -123,8 +123,8 @@ TYPED_TEST(Integral, Operations) {
   });
 }
 
-TYPED_TEST(Integral, LimitsAndHistory) {
-  TypeParam a{}, b;
+TYPED_TEST(Integral, Limits) {
+  TypeParam a{};
   EXPECT_EQ(a.Value(), 0);
   EXPECT_EQ(a.UpperLimit(), 0);
   a.Limit(7);
@@ -136,32 +136,54 @@ TYPED_TEST(Integral, LimitsAndHistory) {
   EXPECT_EQ(a.UpperLimit(), -9);
   a.Default(-9);
   EXPECT_EQ(a.Value(), -9);
-  // One history per thread, shared by its objects.
-  a.Value(1);
+}
+
+template <class T>
+constexpr T kSignallingNaN = std::is_same_v<T, float> ? std::bit_cast<float>(0x7FA00000u)
+                                                      : T(std::bit_cast<double>(0x7FF4000000000000ull));
+
+// One history per type and thread, shared by the thread's objects: values
+// come back bit for bit, and an empty history raises the service's error.
+template <class D>
+class Histories : public WithFreshHistory {};
+using NumericClasses = ::testing::Types<IntegerData, LongData, SingleData, DoubleData>;
+TYPED_TEST_SUITE(Histories, NumericClasses);
+TYPED_TEST(Histories, OnePerTypeAndThread) {
+  using T = ValueOf<TypeParam>;
+  using Other = std::conditional_t<std::is_same_v<TypeParam, IntegerData>, LongData, IntegerData>;
+  const std::u16string_view type = std::is_same_v<TypeParam, IntegerData> ? u"Integer"
+                                 : std::is_same_v<TypeParam, LongData>    ? u"Long"
+                                 : std::is_same_v<TypeParam, SingleData>  ? u"Single" : u"Double";
+  T first{1}, second{2};
+  if constexpr (std::is_floating_point_v<T>) first = kSignallingNaN<T>, second = T(-0.0);
+  TypeParam a, b;
+  a.Value(first);
   a.Push();
-  a.Value(2);
-  a.PushAndSet(4);  // records 2, then the service sets Value
+  a.Value(second);
+  a.PushAndSet(4);  // records second, then the service sets Value
   EXPECT_EQ(a.Value(), 4);
   a.Push();
-  b.Drop();  // discards a's 4
+  b.Drop();  // discards a's 4; Value stays
+  EXPECT_EQ(b.Value(), 0);
   b.Pop();
-  EXPECT_EQ(b.Value(), 2);
+  EXPECT_EQ(bits(b.Value()), bits(second));
   b.Pop();
-  EXPECT_EQ(b.Value(), 1);
-  const auto type = std::is_same_v<TypeParam, IntegerData> ? u"Integer" : u"Long";
+  EXPECT_EQ(bits(b.Value()), bits(first));
+  Other other;
+  other.Value(1);
+  other.Push();  // a history of its own
   EXPECT_TRUE(test::history_empty_error([&] { b.Pop(); }, type));
   EXPECT_TRUE(test::history_empty_error([&] { b.Drop(); }, type));
-  EXPECT_EQ(error_of([&] { b.Pop(); }), E5);
-  EXPECT_EQ(b.Value(), 1);
+  EXPECT_EQ(bits(b.Value()), bits(first));
   a.Value(5);
   a.Push();
-  int other_error = 0;
+  int other_thread = 0;
   std::thread([&] {
     TypeParam theirs;
-    other_error = error_of([&] { theirs.Pop(); });
+    other_thread = error_of([&] { theirs.Pop(); });
     release_thread_history();
   }).join();
-  EXPECT_EQ(other_error, E5);
+  EXPECT_EQ(other_thread, E5);
   b.Pop();
   EXPECT_EQ(b.Value(), 5);
 }
@@ -244,9 +266,6 @@ using FloatingClasses = ::testing::Types<SingleData, DoubleData>;
 TYPED_TEST_SUITE(Floating, FloatingClasses);
 
 template <class T>
-constexpr T kSignallingNaN = std::is_same_v<T, float> ? std::bit_cast<float>(0x7FA00000u)
-                                                      : T(std::bit_cast<double>(0x7FF4000000000000ull));
-template <class T>
 T from_bits(std::uint64_t b) {
   if constexpr (sizeof(T) == 4) return std::bit_cast<T>(static_cast<std::uint32_t>(b)); else return std::bit_cast<T>(b);
 }
@@ -310,36 +329,6 @@ TYPED_TEST(Floating, Operations) {
         {OP(RaiseYourself(1023)), 2, 0x1p1023},
     });
   }
-}
-
-TYPED_TEST(Floating, HistoryKeepsBits) {
-  using T = ValueOf<TypeParam>;
-  TypeParam a, b;
-  a.Value(kSignallingNaN<T>);
-  a.Push();
-  a.Value(-0.0);
-  a.Push();
-  a.Value(5);
-  b.Pop();  // another object of the thread pops what a pushed
-  EXPECT_EQ(bits(b.Value()), bits(T(-0.0)));
-  b.Pop();
-  EXPECT_EQ(bits(b.Value()), bits(kSignallingNaN<T>));
-  a.PushAndSet(4);  // records 5, then the service sets Value
-  EXPECT_EQ(a.Value(), 4);
-  a.Push();
-  a.Value(9);
-  a.Drop();  // discards the 4, Value stays
-  EXPECT_EQ(a.Value(), 9);
-  a.Pop();
-  EXPECT_EQ(a.Value(), 5);
-  const auto type = std::is_same_v<T, Single> ? u"Single" : u"Double";
-  EXPECT_TRUE(test::history_empty_error([&] { a.Pop(); }, type));
-  EXPECT_TRUE(test::history_empty_error([&] { a.Drop(); }, type));
-  EXPECT_EQ(a.Value(), 5);
-  std::conditional_t<std::is_same_v<T, Single>, DoubleData, SingleData> other;  // a history of its own
-  other.Value(1);
-  other.Push();
-  EXPECT_TRUE(test::history_empty_error([&] { a.Pop(); }, type));
 }
 
 TEST(SingleDataOnly, LimitsModuloAddAndChoosing) {
