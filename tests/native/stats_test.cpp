@@ -290,7 +290,8 @@ TEST(NumberText, SingleText) {
       {-1e-10f, u"-1E-10"}, {1.0f / 3, u"0.3333333"}, {2.0f / 3, u"0.6666667"}, {0.99999994f, u"0.9999999"},
       {999999.94f, u"999999.9"}, {1.9999999f, u"2"}, {-9.9999997e-5f, u"-0.0001"}, {1.0000001f, u"1"},
       {1e6f, u"1000000"}, {3.4028235e38f, u"3.402823E+38"}, {1e-45f, u"1E-45"}, {1.1754942e-38f, u"1.175494E-38"},
-      {1e10f, u"1E+10"}, {1.25e-10f, u"1.25E-10"}, {kInf, u"Infinity"}, {-kInf, u"-Infinity"}, {kNaN, u"NaN"}};
+      {1e10f, u"1E+10"}, {1.25e-10f, u"1.25E-10"}, {kInf, u"Infinity"}, {-kInf, u"-Infinity"}, {kNaN, u"NaN"},
+      {std::bit_cast<float>(0x800116C3u), u"-1.00001E-40"}};  // the shortest, not 7 digits
   for (int mode : kModes) {
     for (const auto& r : rows) EXPECT_EQ(in_mode(mode, [&] { return single_to_text(r.value); }), r.text) << r.value;
   }
