@@ -6,14 +6,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
-#include <string_view>
 
 #include "frame/error.h"
 #include "frame/history.h"
 
 namespace valmetra::test {
 
-// The number of the library error that f throws, or 0 when it succeeds.
+// The number of the library error f throws, or 0 when it succeeds.
 int error_of(auto&& f) {
   try {
     f();
@@ -23,8 +22,8 @@ int error_of(auto&& f) {
   return 0;
 }
 
-// The value history's own error for an empty history of the named type, as
-// f must pass it on: true when f threw exactly that.
+// True when f threw the value history's own error for an empty history of
+// the named type, unchanged.
 bool history_empty_error(auto&& f, std::u16string_view type_name) {
   try {
     f();
@@ -35,9 +34,8 @@ bool history_empty_error(auto&& f, std::u16string_view type_name) {
   return false;
 }
 
-// What a host can observe of its floating-point environment: the x87
-// control word and exception flags, and MXCSR (SSE masks, rounding, flags,
-// flush-to-zero, denormals-are-zero). All zero off x86-64 glibc.
+// What a host sees of its floating-point environment: the x87 control word
+// and exception flags, and MXCSR. All zero off x86-64 glibc.
 struct FpEnv {
   std::uint16_t x87_control = 0, x87_flags = 0;
   std::uint32_t mxcsr = 0;
@@ -53,10 +51,8 @@ inline FpEnv observe_env() {
 #endif
 }
 
-// Runs body as a host whose environment arm() set up (unmasked traps, another
-// rounding mode, sticky flags of its own). A SIGFPE ends the test program with
-// exit code 99; afterwards the test's own environment is back, whatever body
-// expected or failed.
+// Runs body as a host whose environment arm() set up. A SIGFPE ends the
+// program with kTrapExit; the test's own environment is back afterwards.
 inline constexpr int kTrapExit = 99;
 template <class Arm, class Body>
 void as_host(Arm arm, Body body) {
@@ -67,6 +63,13 @@ void as_host(Arm arm, Body body) {
   body();
   std::fesetenv(&saved);
   std::signal(SIGFPE, previous);
+}
+// f's result, computed with the host's rounding mode set to mode.
+auto in_mode(int mode, auto&& f) {
+  std::fesetround(mode);
+  auto result = f();
+  std::fesetround(FE_TONEAREST);
+  return result;
 }
 inline void unmask_traps() { feenableexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW); }
 

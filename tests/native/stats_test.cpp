@@ -1,0 +1,349 @@
+// The statistics: percent counters, sample averages, and number text (reading,
+// its fast path included, the standard Single text and the percent display).
+// Last, the faults the fuzz targets found, as a regression table.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cfenv>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "stats/average.h"
+#include "stats/number_text.h"
+#include "stats/percent.h"
+#include "values/integer_data.h"
+#include "values/long_data.h"
+
+#include "test_support.h"
+
+namespace valmetra {
+namespace {
+
+using test::error_of;
+using test::in_mode;
+constexpr int E6 = 6, E13 = 13;
+constexpr int kModes[] = {FE_TONEAREST, FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO};
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN(), kInf = std::numeric_limits<float>::infinity(),
+                kTiny = std::numeric_limits<float>::denorm_min();
+std::string narrow(std::u16string_view s) { return std::string(s.begin(), s.end()); }
+std::u16string widen(std::string_view s) { return std::u16string(s.begin(), s.end()); }
+std::uint64_t bits(double d) { return std::bit_cast<std::uint64_t>(d); }
+
+template <class C>
+class Percent : public ::testing::Test {};
+using Counters = ::testing::Types<DoublePercentData, SinglePercentData, LongPercentData, IntegerPercent>;
+TYPED_TEST_SUITE(Percent, Counters);
+
+// Every other occurrence is recorded by assigning Default, which counts one
+// whatever the value. Results are rounded to nearest in any host mode.
+TYPED_TEST(Percent, RatioPercentAndDisplay) {
+  using Count = decltype(TypeParam().Default());
+  struct Row { int occurrences, samples; float raw, percent; std::u16string_view display; };
+  for (auto r : {Row{0, 0, 0, 0, u"%"}, Row{0, 7, 0, 0, u"%"}, Row{1, 3, 0.33333334f, 33.333336f, u"33%"},
+                 Row{1, 8, 0.125f, 12.5f, u"13%"}, Row{2, 3, 0.6666667f, 66.66667f, u"67%"},
+                 Row{2, 0, 2, 200, u"200%"}, Row{3, 1, 3, 300, u"300%"}, Row{5, 4, 1.25f, 125, u"125%"},
+                 Row{29, 200, 0.145f, 14.5f, u"14%"}}) {  // the Single of 0.145 lies just below it
+    TypeParam c;
+    for (int i = 0; i < r.occurrences; ++i) {
+      if (i % 2) c.Occured(); else c.Default(Count{100});
+    }
+    for (int i = 0; i < r.samples; ++i) c.AnotherSampleOccured();
+    EXPECT_EQ(c.Default(), r.occurrences);
+    for (int mode : kModes) {
+      SCOPED_TRACE(testing::Message() << r.occurrences << "/" << r.samples << " mode " << mode);
+      EXPECT_EQ(in_mode(mode, [&] { return c.RawPercent(); }), r.raw);
+      EXPECT_EQ(in_mode(mode, [&] { return c.Percent(); }), r.percent);
+      EXPECT_EQ(in_mode(mode, [&] { return c.PercentDisplay(); }), r.display);
+    }
+  }
+}
+
+// Integer counts stop with Overflow at their maximum, floating ones silently
+// where adding 1 gives the same number back (in any host mode).
+TEST(PercentCounting, TheTopOfEachCount) {
+  EXPECT_EQ(next_count<Integer>(32766), 32767);
+  EXPECT_EQ(error_of([] { next_count<Integer>(32767); }), E6);
+  EXPECT_EQ(next_count<Long>(2147483646), 2147483647);
+  EXPECT_EQ(error_of([] { next_count<Long>(2147483647); }), E6);
+  constexpr double two53 = 9007199254740992.0;
+  for (int mode : kModes) {
+    for (auto [from, to] : {std::pair<float, float>{0, 1}, {16777215, 16777216}, {16777216, 16777216}}) {
+      EXPECT_EQ(in_mode(mode, [from] { return next_count<Single>(from); }), to) << from << " mode " << mode;
+    }
+    for (auto [from, to] : {std::pair{two53 - 1, two53}, {two53, two53}}) {
+      EXPECT_EQ(in_mode(mode, [from] { return next_count<Double>(from); }), to) << from << " mode " << mode;
+    }
+  }
+  IntegerPercent c;
+  for (int i = 0; i < 32767; ++i) c.Occured();
+  for (int i = 0; i < 32767; ++i) c.AnotherSampleOccured();
+  EXPECT_EQ(error_of([&] { c.Occured(); }), E6);
+  EXPECT_EQ(error_of([&] { c.Default(Integer{5}); }), E6);
+  EXPECT_EQ(error_of([&] { c.AnotherSampleOccured(); }), E6);
+  EXPECT_EQ(c.Default(), 32767);
+  EXPECT_EQ(c.PercentDisplay(), u"100%");  // the sample count kept 32767 too
+}
+
+template <class A>
+class Averages : public ::testing::Test {};
+using AverageTypes = ::testing::Types<SingleAverage, IntegerAverage>;
+TYPED_TEST_SUITE(Averages, AverageTypes);
+
+// Cutting, seen through the listing (items joined with ", "): replacing the
+// list, and appending to an item 9.
+TYPED_TEST(Averages, CuttingNumberStrings) {
+  struct Row { std::u16string_view in, listed; };
+  for (auto r : {Row{u"4, 5,6", u"4, 5, 6"}, Row{u"4, 5, 6", u"4, 5,  6"}, Row{u"4,,6", u"4, , 6"}, Row{u",4", u",4"},
+                 Row{u"7,", u"7"}, Row{u"", u""}, Row{u"   ", u"   "}, Row{u",,", u","}, Row{u",4,5", u",4, 5"},
+                 Row{u" 4 ,  5 , 6 ", u"4, 5,  6 "}, Row{u"\t4\t,5", u"\t4\t, 5"}, Row{u"1,2,", u"1, 2"}}) {
+    TypeParam a, b;
+    a.AddAPieceOfData(9);
+    b.AddAPieceOfData(9);
+    a.HereIsAStringOfNumbers(r.in);
+    b.IncludeThisStringOfNumbers(r.in);
+    EXPECT_EQ(a.GiveMeYourNumbers().str(), r.listed) << narrow(r.in);
+    EXPECT_EQ(b.GiveMeYourNumbers().str(), u"9" + std::u16string(r.in.empty() ? u"" : u", ") + std::u16string(r.listed));
+  }
+}
+
+// Positions are 16-bit: a comma at 32,767 keeps its piece, then Overflow; one
+// at 32,768 appends nothing; a last piece over 32,767 characters is refused.
+TYPED_TEST(Averages, PositionLimitsOfTheCut) {
+  auto n = [](std::size_t count, char16_t c) { return std::u16string(count, c); };
+  struct Row { std::u16string in; int error; std::u16string listed; };
+  for (const auto& r : {Row{n(32766, u'1') + u",2", E6, n(32766, u'1')}, Row{n(32767, u'1') + u",2", E6, u""},
+                        Row{n(32765, u'1') + u",2", 0, n(32765, u'1') + u", 2"},
+                        Row{u"5," + n(32767, u'1'), 0, u"5, " + n(32767, u'1')},
+                        Row{u"5," + n(32768, u'1'), E6, u"5"},
+                        Row{n(32767, u'7'), 0, n(32767, u'7')}, Row{n(32768, u'7'), E6, u""}}) {
+    TypeParam a;
+    a.AddAPieceOfData(3);
+    EXPECT_EQ(error_of([&] { a.HereIsAStringOfNumbers(r.in); }), r.error) << r.in.size();
+    EXPECT_EQ(a.GiveMeYourNumbers().str(), r.listed) << r.in.size();
+  }
+}
+
+// Text both classes read alike; an error row raises it from every statistic.
+TYPED_TEST(Averages, StatisticsOverText) {
+  struct Row { std::u16string_view text; float average; int highest, lowest, error; };
+  for (auto r : {Row{u"", 0, 0, 0, 0}, Row{u"4, 5,6", 5, 6, 0, 0}, Row{u"4, 5,6,-3,1e1", 22.0f / 5, 10, -3, 0},
+                 Row{u"-2, -7", -4.5f, 0, -7, 0}, Row{u" 1e2 ", 100, 100, 0, 0}, Row{u"4,,6", 0, 0, 0, E13},
+                 Row{u"4,x", 0, 0, 0, E13}, Row{u"&H10", 0, 0, 0, E13},
+                 Row{u"4,  ", 0, 0, 0, E13}, Row{u"1e400", 0, 0, 0, E6}}) {
+    TypeParam a;
+    a.HereIsAStringOfNumbers(r.text);
+    float average = -1, also = -1;
+    int highest = -1, lowest = -1;
+    EXPECT_EQ(error_of([&] { average = a.DataAverage(); }), r.error) << narrow(r.text);
+    EXPECT_EQ(error_of([&] { also = a.Average(); }), r.error) << narrow(r.text);
+    EXPECT_EQ(error_of([&] { highest = a.DataHighest(); }), r.error) << narrow(r.text);
+    EXPECT_EQ(error_of([&] { lowest = a.DataLowest(); }), r.error) << narrow(r.text);
+    if (r.error == 0) {
+      EXPECT_EQ(average, r.average) << narrow(r.text);
+      EXPECT_EQ(also, r.average) << narrow(r.text);
+      EXPECT_EQ(highest, r.highest) << narrow(r.text);
+      EXPECT_EQ(lowest, r.lowest) << narrow(r.text);
+    }
+  }
+  TypeParam a;
+  a.AddAPieceOfData(5);
+  for (auto v : {a.DataMedian(), a.DataMean(), a.DataMode(), a.WeightedMean(), a.WeightedMode()}) EXPECT_EQ(v, 0);
+}
+
+// The longest cut (32,766 items from one text), the longest listing (32,767
+// items) and the listing's counter overflowing at the 32,768th.
+TYPED_TEST(Averages, LongLists) {
+  TypeParam a;
+  a.HereIsAStringOfNumbers(u"a" + std::u16string(32765, u',') + u"b");
+  std::u16string expected = u"a";
+  for (int i = 0; i < 32765; ++i) expected += u", ";
+  a.AddAPieceOfData(7);
+  EXPECT_EQ(a.GiveMeYourNumbers().str(), expected + u"b, 7");
+  a.AddAPieceOfData(8);
+  EXPECT_EQ(error_of([&] { a.GiveMeYourNumbers(); }), E6);
+  std::u16string halves = u"0";
+  for (int i = 0; i < 16383; ++i) halves += u",1";  // last comma at 32,766
+  TypeParam b;
+  b.HereIsAStringOfNumbers(halves);
+  b.IncludeThisStringOfNumbers(halves);
+  EXPECT_EQ(b.DataAverage(), 16383.0f / 16384);
+}
+
+TEST(IntegerAverage, NumbersTextAndTheSixteenBitSum) {
+  // text: rounded down for the sum, to even for the extremes
+  struct Row { std::u16string_view text; float average; Integer highest, lowest; };
+  for (auto r : {Row{u"2.7", 2, 3, 0}, Row{u"-2.7", -3, 0, -3}, Row{u"2.5", 2, 2, 0}, Row{u"3.5", 3, 4, 0},
+                 Row{u"0.5,-0.5", -0.5f, 0, 0}}) {
+    IntegerAverage a;
+    a.HereIsAStringOfNumbers(r.text);
+    EXPECT_EQ(a.DataAverage(), r.average) << narrow(r.text);
+    EXPECT_EQ(a.DataHighest(), r.highest) << narrow(r.text);
+    EXPECT_EQ(a.DataLowest(), r.lowest) << narrow(r.text);
+  }
+  IntegerAverage a, b, c, d;
+  for (Integer v : {0, -3, 4, -1, 2, 1}) a.AddNumericData(v);  // only above 0
+  EXPECT_EQ(a.GiveMeYourNumbers().str(), u"4, 2, 1");
+  EXPECT_EQ(a.DataAverage(), 7.0f / 3);
+  for (Integer v : {30000, 30000, -30000}) b.AddAPieceOfData(v);
+  EXPECT_EQ(error_of([&] { b.DataAverage(); }), E6);  // the sum overflows in item order
+  EXPECT_EQ(b.DataHighest(), 30000);
+  EXPECT_EQ(b.GiveMeYourNumbers().str(), u"30000, 30000, -30000");
+  for (Integer v : {-30000, 30000, 30000}) c.AddAPieceOfData(v);
+  EXPECT_EQ(c.DataAverage(), 10000);
+  EXPECT_EQ(c.DataLowest(), -30000);
+  d.HereIsAStringOfNumbers(u"40000");
+  EXPECT_EQ(error_of([&] { d.DataAverage(); }), E6);
+  EXPECT_EQ(error_of([&] { d.DataHighest(); }), E6);
+  EXPECT_EQ(d.DataLowest(), 0);  // never the extreme, never converted
+}
+
+TEST(SingleAverage, NumbersAndTheirListing) {
+  SingleAverage a, b, c, d;
+  for (float v : {0.0f, -3.0f, 0.5f, -0.0f, kNaN, kTiny, 1.0f}) a.AddNumericData(v);  // only above 0
+  EXPECT_EQ(a.GiveMeYourNumbers().str(), u"0.5, 1E-45, 1");
+  for (float v : {1.5f, 2.5f}) b.AddAPieceOfData(v);
+  EXPECT_EQ(b.DataAverage(), 2);
+  EXPECT_EQ(b.DataHighest(), 2);  // 2.5 to even
+  c.AddAPieceOfData(40000);
+  EXPECT_EQ(error_of([&] { c.DataHighest(); }), E6);
+  EXPECT_EQ(c.DataAverage(), 40000);
+  c.AddAPieceOfData(3e38f);
+  c.AddAPieceOfData(3e38f);
+  EXPECT_EQ(error_of([&] { c.DataAverage(); }), E6);  // the Single sum overflows
+  d.HereIsAStringOfNumbers(u"1e39");
+  EXPECT_EQ(error_of([&] { d.DataAverage(); }), E6);
+  SingleAverage e;
+  for (float v : {1.5f, 1e20f, 1.5e-7f, -0.1f, 1.0f / 3, 16777216.0f}) e.AddAPieceOfData(v);
+  EXPECT_EQ(e.GiveMeYourNumbers().str(), u"1.5, 1E+20, 1.5E-07, -0.1, 0.3333333, 1.677722E+07");
+}
+
+// Reading number text, in every host rounding mode: the Double nearest the
+// text (compared as bits), or the error.
+TEST(NumberText, Reading) {
+  struct Row { std::u16string_view text; double value; int error = 0; };
+  // Beyond the Double range, huge or tiny is told by the magnitude, leading zeros and exponent alike.
+  const std::u16string zeros = std::u16string(400, u'0') + u"1e-330", tiny = u"0." + std::u16string(429, u'0') + u"1e100",
+                       huge = u"1" + std::u16string(10999, u'0') + u"e-9999";
+  const Row rows[] = {
+      {u"5", 5}, {u"  42  ", 42}, {u"\t-3.5\t", -3.5}, {u"+7", 7}, {u"-5", -5}, {u"5.", 5}, {u".5", 0.5},
+      {u"-.25", -0.25}, {u"1e3", 1000}, {u"-2.5E+1", -25}, {u"1.5E-07", 1.5e-7}, {u"2.7", 2.7}, {u"0.1", 0.1},
+      {u"00012.50e+02", 1250}, {u"-0", -0.0}, {u"0e999", 0}, {u"-1e-400", -0.0}, {u"100000e-400", 0},
+      {u"4.9e-324", 4.9e-324}, {u"1.7976931348623157e308", 1.7976931348623157e308}, {u"1e00002", 100},
+      {u"0.0000000001e-320", 0}, {zeros, 0}, {tiny, 0}, {huge, 0, E6},
+      {u"12345678901234567890", 12345678901234567890.0}, {u"-1e-5", -1e-5},
+      // the fast path's limits: 2^53, 19 digits (2^64 would wrap to 0), 10^22
+      {u"9007199254740992", 9007199254740992.0}, {u"9007199254740993", 9007199254740992.0},
+      {u"9007199254740995", 9007199254740996.0}, {u"-9007199254740993", -9007199254740992.0},
+      {u"123456789012345678", 123456789012345678.0}, {u"0000000000000000001", 1}, {u"00000000000000000001", 1},
+      {u"18446744073709551616", 18446744073709551616.0}, {u"1844674407370955161.6", 1844674407370955161.6},
+      {u"900719925474099.3e1", 9007199254740993.0}, {u"4503599627370496e1", 45035996273704960.0}, {u"1e22", 1e22},
+      {u"1e23", 1e23}, {u"1e-22", 1e-22}, {u"1e-23", 1e-23}, {u"-3e-22", -3e-22}, {u"1.5e22", 1.5e22},
+      {u"9007199254740991e-22", 9007199254740991e-22}, {u"-0.0e5", -0.0}, {u"1e309", 0, E6}, {u"-1e400", 0, E6},
+      {u"0.00000000001e320", 0, E6}, {u"1e99999999999999999999", 0, E6}, {u"", 0, E13}, {u"   ", 0, E13},
+      {u".", 0, E13}, {u"-", 0, E13}, {u"+-1", 0, E13}, {u"1e", 0, E13}, {u"1e+", 0, E13}, {u"e5", 0, E13},
+      {u"1.2.3", 0, E13}, {u"1,5", 0, E13}, {u"&H10", 0, E13}, {u"0x10", 0, E13}, {u"inf", 0, E13}, {u"nan", 0, E13},
+      {u"1 000", 0, E13}, {u"- 5", 0, E13}, {u"\xff11", 0, E13}, {u"1d5", 0, E13}, {u"\x00a0" u"5", 0, E13},
+      {u"5\n", 0, E13}, {u"1e5.5", 0, E13},
+      {u"1e+-5", 0, E13}, {u"5e5x", 0, E13}, {u"5-", 0, E13}};
+  for (int mode : kModes) {
+    for (const auto& r : rows) {
+      double got = 0;
+      const int error = in_mode(mode, [&] { return error_of([&] { got = text_to_number(r.text); }); });
+      EXPECT_EQ(error, r.error) << narrow(r.text) << " mode " << mode;
+      EXPECT_EQ(bits(got), bits(r.error ? 0.0 : r.value)) << narrow(r.text) << " mode " << mode;
+    }
+  }
+}
+
+// Random texts (fast path and general path alike) against the C library.
+TEST(NumberText, ReadingAgreesWithStrtod) {
+  std::mt19937_64 rng(20240611);
+  auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<std::uint64_t>(n)); };
+  for (int k = 0, mismatches = 0; k < 100000 && mismatches < 10; ++k) {
+    std::string s = pick(3) == 0 ? "-" : pick(2) ? "+" : "";
+    const int digits = 1 + pick(21), point = pick(digits + 2);
+    for (int i = 0; i < digits; ++i) s += (i == point ? "." : "") + std::string(1, char('0' + pick(10)));
+    if (point == digits) s += '.';
+    if (pick(2)) s += (pick(2) ? "E" : "e") + std::string(pick(2) ? "+" : "") + std::to_string(pick(61) - 30);
+    if (s.find("+-") != std::string::npos) continue;
+    if (bits(text_to_number(widen(s))) != bits(std::strtod(s.c_str(), nullptr))) {
+      ++mismatches;
+      ADD_FAILURE() << s;
+    }
+  }
+}
+
+// The standard text of a Single, in every host rounding mode.
+TEST(NumberText, SingleText) {
+  struct Row { float value; std::u16string_view text; };
+  const Row rows[] = {
+      {0.0f, u"0"}, {-0.0f, u"0"}, {1, u"1"}, {-2.5f, u"-2.5"}, {0.1f, u"0.1"}, {0.145f, u"0.145"},
+      {123456.7f, u"123456.7"}, {1234567, u"1234567"}, {9999999, u"9999999"}, {1e7f, u"1E+07"},
+      {16777216, u"1.677722E+07"}, {10000005, u"1E+07"}, {10000015, u"1.000002E+07"}, {1e20f, u"1E+20"},
+      {1.5e-7f, u"1.5E-07"}, {0.0001f, u"0.0001"}, {0.00012345f, u"0.00012345"}, {0.00001f, u"1E-05"},
+      {-1e-10f, u"-1E-10"}, {1.0f / 3, u"0.3333333"}, {2.0f / 3, u"0.6666667"}, {0.99999994f, u"0.9999999"},
+      {999999.94f, u"999999.9"}, {1.9999999f, u"2"}, {-9.9999997e-5f, u"-0.0001"}, {1.0000001f, u"1"},
+      {1e6f, u"1000000"}, {3.4028235e38f, u"3.402823E+38"}, {1e-45f, u"1E-45"}, {1.1754942e-38f, u"1.175494E-38"},
+      {1e10f, u"1E+10"}, {1.25e-10f, u"1.25E-10"}, {kInf, u"Infinity"}, {-kInf, u"-Infinity"}, {kNaN, u"NaN"},
+      {std::bit_cast<float>(0x800116C3u), u"-1.00001E-40"}};  // the shortest, not 7 digits
+  for (int mode : kModes) {
+    for (const auto& r : rows) EXPECT_EQ(in_mode(mode, [&] { return single_to_text(r.value); }), r.text) << r.value;
+  }
+}
+
+// The "##%" display rounds the exact binary value, halves away from zero.
+TEST(NumberText, PercentDisplay) {
+  struct Row { float ratio; std::u16string_view text; };
+  for (auto r : {Row{0, u"%"}, Row{-0.0f, u"%"}, Row{0.004f, u"%"}, Row{0.005f, u"%"}, Row{0.00501f, u"1%"},
+                 Row{0.125f, u"13%"}, Row{-0.125f, u"-13%"}, Row{0.5f, u"50%"}, Row{1.0f / 3, u"33%"},
+                 Row{2.0f / 3, u"67%"}, Row{0.145f, u"14%"}, Row{0.135f, u"14%"}, Row{0.155f, u"16%"},
+                 Row{2, u"200%"}, Row{1.25f, u"125%"}, Row{0.995f, u"100%"}, Row{0.99499994f, u"99%"},
+                 Row{1e10f, u"1000000000000%"}, Row{1e-45f, u"%"}, Row{0x1p-32f * 3, u"%"},
+                 Row{3.4028235e38f, u"34028234663852885981170418348451692544000%"}}) {
+    EXPECT_EQ(percent_display_text(r.ratio), r.text) << r.ratio;
+  }
+  for (float f : {kInf, -kInf, kNaN}) EXPECT_EQ(error_of([f] { percent_display_text(f); }), E6) << f;
+}
+
+#if defined(__x86_64__) && defined(__GLIBC__)
+// Found by fuzzing: floating comparisons and classifications run in the
+// host's environment. A NaN or denormal argument then set a sticky flag of
+// the host, and a host with denormals-are-zero changed a result.
+TEST(FuzzRegressions, HostEnvironmentUntouched) {
+  auto power = [](auto d) { d.Value(2); d.RaiseYourself(-1070); };  // a denormal power
+  auto listing = [](float v) { SingleAverage a; a.AddNumericData(v); return narrow(a.GiveMeYourNumbers().str()); };
+  struct Row { const char* what; std::function<std::string()> call; const char* result; };
+  const Row rows[] = {
+      {"single text of a denormal", [] { return narrow(single_to_text(kTiny)); }, "1E-45"},
+      {"percent display of a denormal", [] { return narrow(percent_display_text(kTiny)); }, "%"},
+      {"AddNumericData(NaN)", [&] { return listing(kNaN); }, ""},
+      {"AddNumericData(denormal)", [&] { return listing(kTiny); }, "1E-45"},
+      {"DataHighest over NaN", [] { SingleAverage a; a.AddAPieceOfData(kNaN); return std::to_string(a.DataHighest()); }, "0.000000"},
+      {"DataLowest over -denormal", [] { SingleAverage a; a.AddAPieceOfData(-kTiny); return std::to_string(a.DataLowest()); }, "0.000000"},
+      {"IntegerData 2 ^ -1070", [&] { power(IntegerData()); return std::string(); }, ""},
+      {"LongData 2 ^ -1070", [&] { power(LongData()); return std::string(); }, ""},
+  };
+  for (std::uint32_t mxcsr : {0x1F80u, 0x1FC0u}) {  // default, and with denormals-are-zero
+    for (const auto& r : rows) {
+      std::string result;
+      test::FpEnv after;
+      test::as_host([mxcsr] { asm volatile("ldmxcsr %0" : : "m"(mxcsr)); }, [&] {
+        result = r.call();
+        after = test::observe_env();
+      });
+      EXPECT_EQ(after.mxcsr, mxcsr) << r.what;
+      EXPECT_EQ(after.x87_flags, 0) << r.what;
+      EXPECT_EQ(result, r.result) << r.what << " mxcsr " << mxcsr;
+    }
+  }
+}
+#endif
+
+}  // namespace
+}  // namespace valmetra
