@@ -7,28 +7,19 @@ set -uo pipefail
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 LOGS=$ROOT/build/logs
 mkdir -p "$LOGS"
-SUITES=(
-  "windows|tests/windows/run.sh"
-  "deployment|tests/deploy/run.sh"
-  "fuzz smoke|tests/fuzz/run.sh --smoke"
-  "bench smoke|bench/run.sh --smoke"
-)
-start=$(date +%s)
-pids=()
+SUITES=("windows|tests/windows/run.sh" "deployment|tests/deploy/run.sh" "fuzz smoke|tests/fuzz/run.sh --smoke"
+  "bench smoke|bench/run.sh --smoke")
+start=$(date +%s) failed=0 summary=
 for i in "${!SUITES[@]}"; do
-  (t0=$(date +%s); cd "$ROOT" && ${SUITES[$i]#*|} >"$LOGS/$i.log" 2>&1; rc=$?
-   echo "$rc $(( $(date +%s) - t0 ))" >"$LOGS/$i.rc") &
-  pids+=($!)
+  (t0=$(date +%s); cd "$ROOT" && ${SUITES[$i]#*|} >"$LOGS/$i.log" 2>&1; echo "$? $(($(date +%s) - t0))" >"$LOGS/$i.rc") &
 done
-wait "${pids[@]}"
-failed=0 summary=()
+wait
 for i in "${!SUITES[@]}"; do
   name=${SUITES[$i]%%|*}
   read -r rc secs <"$LOGS/$i.rc" || rc=1 secs=?
-  echo "===== $name (${SUITES[$i]#*|})"
-  cat "$LOGS/$i.log"
-  if [ "$rc" = 0 ]; then summary+=("  ok    $name ($secs s)"); else summary+=("  FAIL  $name ($secs s, exit $rc)"); failed=1; fi
+  echo "===== $name (${SUITES[$i]#*|})" && cat "$LOGS/$i.log"
+  [ "$rc" = 0 ] && summary+="  ok    $name ($secs s)"$'\n' || { summary+="  FAIL  $name ($secs s, exit $rc)"$'\n' failed=1; }
 done
-echo "===== suites ($(( $(date +%s) - start )) s side by side)"
-printf '%s\n' "${summary[@]}"
+echo "===== suites ($(($(date +%s) - start)) s side by side)"
+printf %s "$summary"
 exit $failed

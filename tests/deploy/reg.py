@@ -7,8 +7,7 @@
                                      exactly the record for DLLs in DIR, the other hive nothing;
                                      without HIVE, nothing appeared, vanished or changed
     reg.py static ARCH STAGE         manifest and package against the catalogue and the DLLs
-Prints what differs; exits 1 when anything does.
-"""
+diff and static print what differs and exit 1 when anything does."""
 import os
 import re
 import subprocess
@@ -46,21 +45,24 @@ def class_lines():
 
 def vbs():
     """Every class by ProgID, its probe called by name (this VBScript engine has no Execute, so each call is
-    written out). cscript's exit code proves nothing under Wine: the script ends with "PASS"."""
+    written out), and the value history. cscript's exit code proves nothing under Wine: it ends with "PASS"."""
     out = ["Dim obj, v, failures", "failures = 0", "On Error Resume Next"]
     for w in (x.split() for x in class_lines() if x.startswith("class")):
         call, vt = (f"v = obj.{w[7]}", f" Or VarType(v) <> {w[9]}") if w[8] == "get" else (f"obj.{w[7]}", "")
         out += ["Set obj = Nothing", "Err.Clear", f'Set obj = CreateObject("{w[3]}")', call,
                 f'If Err.Number <> 0{vt} Then WScript.Echo "  FAIL  {w[3]}.{w[7]}": failures = failures + 1']
+    # The value history across objects: IntegerData finds ValueStack by its CLSID.
+    out += ['Set a = CreateObject("KARVO_Valmetra.IntegerData"): Set b = CreateObject("KARVO_Valmetra.IntegerData")',
+            "Err.Clear: a.Value = 5: a.Push: a.Value = 9: b.Pop", 'If Err.Number <> 0 Or b.Value <> 5 Then WScript.Echo '
+            '"  FAIL  IntegerData: Push 5 on one object, Pop on another gives " & b.Value: failures = failures + 1']
     return "\n".join(out + ['If failures = 0 Then WScript.Echo "PASS"'])
 
 
 def canon(path, arch):
-    """A snapshot (the platform's registry text format, keys relative to the saved key, which the file's
-    second line names) as lines "K KEY" and "V KEY | name | type | data", key paths upper case. For x86
-    keys are named as a 32-bit program sees them: Wow6432Node's content under the plain names; what only
-    64-bit programs see (HKLM\\Software outside Classes, and Classes' CLSID and Interface trees) keeps a
-    "64:" mark, so a write into the wrong view shows."""
+    """A snapshot (the platform's registry text format, keys relative to the key its second line names) as
+    lines "K KEY" and "V KEY | name | type | data", keys upper case. For x86 keys are named as a 32-bit
+    program sees them (Wow6432Node's content under the plain names); what only 64-bit programs see (HKLM
+    outside Classes, Classes' CLSID and Interface trees) is marked "64:", so a write into the wrong view shows."""
     text = open(path, encoding="utf-8", errors="surrogateescape").read()
     base = re.search(r"^;; All keys relative to REGISTRY\\\\(Machine|User\\\\[^\\\n]*)((?:\\\\.*)?)$", text, re.M)
     root = ("HKLM" if base.group(1) == "Machine" else "HKCU") + unescape(base.group(2)).upper()
@@ -114,37 +116,35 @@ def diff(arch, before, after, hive=None, folder=""):
 
 
 def static(arch, stage):
-    folder, bad = os.path.join(stage, arch), []
-    ns = {"a": "urn:schemas-microsoft-com:asm.v1"}
+    folder, ns = os.path.join(stage, arch), {"a": "urn:schemas-microsoft-com:asm.v1"}
     root = ET.parse(os.path.join(folder, deploymodel.ASSEMBLY_NAME + ".manifest")).getroot()
+    got = {(f.get("name"), e.get("clsid"), e.get("progid"), e.get("threadingModel"), e.get("tlbid"), e.get("version"),
+            tuple(p.text for p in e.findall("a:progid", ns))) for f in root.findall("a:file", ns) for e in f}
+    want = {(comp.file, None, None, None, comp.libid, comp.version, ()) for comp in COMPS} | {
+        (comp.file, c.clsid, c.progid, "Apartment", comp.libid, None, (c.cur_version,)) for comp in COMPS for c in comp.classes}
+    bad = [f"manifest: missing {x}" for x in want - got] + [f"manifest: extra {x}" for x in got - want]
     if root.find("a:assemblyIdentity", ns).get("processorArchitecture") != {"x64": "amd64", "x86": "x86"}[arch]:
         bad.append("manifest: processorArchitecture")
-    for comp in COMPS:
-        f = root.find(f"a:file[@name='{comp.file}']", ns)
-        blob = open(os.path.join(folder, comp.file), "rb").read()
-        for c in comp.classes:
-            e = None if f is None else f.find(f"a:comClass[@clsid='{c.clsid}']", ns)
-            if e is None or (e.get("progid"), e.get("threadingModel"), e.get("tlbid")) != \
-                    (c.progid, "Apartment", comp.libid) or [p.text for p in e.findall("a:progid", ns)] != [c.cur_version]:
-                bad.append(f"manifest: {c.name}")
-            bad += [f"{comp.file} lacks {g}" for g in (c.clsid, c.iid) if uuid.UUID(g).bytes_le not in blob]
+    bad += [f"{comp.file} lacks {g}" for comp in COMPS for c in comp.classes for g in (c.clsid, c.iid)
+            if uuid.UUID(g).bytes_le not in open(os.path.join(folder, comp.file), "rb").read()]
+    # The package's Registry table, its formatted values resolved, against the record.
     msi = os.path.join(stage, f"KARVO-Valmetra-{arch}.msi")
     target = {"x64": "C:\\Program Files", "x86": "C:\\Program Files (x86)"}[arch] + "\\KARVO\\Valmetra"
-    out = subprocess.run(["msiinfo", "export", msi, "Registry"], capture_output=True, text=True).stdout
+    files = {f"[#{c.key}_dll]": target + "\\" + c.file for c in COMPS} | {"[INSTALLDIR]": target}
     got = set()
-    for _, hive, key, name, value, _ in (r.split("\t") for r in out.splitlines()[3:]):
-        parts = key.split("\\")
-        first = 3 if parts[2].upper() in ("CLSID", "INTERFACE", "TYPELIB") else 2
-        got |= {"K HKLM\\" + "\\".join(parts[:i]).upper() for i in range(first + 1, len(parts) + 1)}
+    for _, hive, key, name, value, _ in (r.split("\t") for r in msiinfo("export", msi, "Registry").splitlines()[3:]):
+        h, parts = "HKLM" if hive == "2" else "ROOT" + hive, key.upper().split("\\")
+        first = 3 if parts[2] in ("CLSID", "INTERFACE", "TYPELIB") else 2
+        got |= {f"K {h}\\" + "\\".join(parts[:i]) for i in range(first + 1, len(parts) + 1)}
         if name != "*":
-            value = re.sub(r"\[#(\w+)_dll\]", lambda m: target + "\\" + {c.key: c.file for c in COMPS}[m.group(1)],
-                           value).replace("[INSTALLDIR]", target + "\\")
-            value = value.rstrip("\\") if key.upper().endswith("\\HELPDIR") else value
-            got.add(f"V HKLM\\{key.upper()} | {name.lower() or '@'} | sz | {value}" if hive == "2" else "HIVE " + hive)
+            got.add(f"V {h}\\{key.upper()} | {name.lower() or '@'} | sz | " + re.sub(r"\[[^]]*\]", lambda m: files[m[0]], value))
     want = set(genmsi.record_lines(ROOT, arch, target, "HKLM"))
     bad += [f"package: missing {x}" for x in sorted(want - got)] + [f"package: extra {x}" for x in sorted(got - want)]
-    info = subprocess.run(["msiinfo", "suminfo", msi], capture_output=True, text=True).stdout
-    return bad + ([] if ("x64;" if arch == "x64" else "Intel;") in info else ["package template"])
+    return bad + ([] if ("x64;" if arch == "x64" else "Intel;") in msiinfo("suminfo", msi) else ["package template"])
+
+
+def msiinfo(*args):
+    return subprocess.run(["msiinfo", *args], capture_output=True, text=True).stdout
 
 
 if __name__ == "__main__":
@@ -152,5 +152,5 @@ if __name__ == "__main__":
     if cmd in ("classes", "vbs"):
         sys.exit(print("\n".join(class_lines()) if cmd == "classes" else vbs()))
     bad = {"diff": diff, "static": static}[cmd](*args)
-    print("\n".join("    " + x for x in bad[:30]))
+    print("".join(f"    {x}\n" for x in bad[:30]), end="")
     sys.exit(1 if bad else 0)

@@ -1,15 +1,10 @@
 #!/bin/bash
 # Deployment tests, x64 then x86: the rows of STATIC (manifest, package and register tool against the
-# catalogue and the DLLs), then those of PATHS, run in one Wine prefix per arch copied from a booted
-# template (build/wine-dep-template-<arch>, booted once per Wine version):
-#   registration-free  an application manifest, the activation-context API, the shipped example
-#   machine            regsvr32 and valmetra-register /machine: HKLM gains exactly the record; every
-#                      class activates; unregistration gives the registry back
-#   per-user           valmetra-register /user from a folder with spaces and non-ASCII letters: HKCU
-#                      gains exactly the record, HKLM nothing; the record followed by hand (Wine
-#                      activates from HKLM only); unregistration gives HKCU back; the tool's messages
-#   package            install (the record, the files), VBScript and C++ hosts, uninstall leaves
-#                      no key and no file
+# catalogue and the DLLs), then those of PATHS in a Wine prefix copied from a booted template:
+# registration-free, machine (regsvr32, valmetra-register /machine), per-user (valmetra-register /user
+# from a folder with spaces and non-ASCII letters; Wine activates from HKLM only, so the record is
+# followed by hand), the package. Every registration must add exactly the record to its hive and
+# nothing to the other, every unregistration give the registry back.
 # x86 runs under the 32-bit Wine that tools/wine32/provide.sh makes available
 # (VALMETRA_SKIP_X86=1 turns its absence into a skip). Prints per-arch counts,
 # then "N passed, N failed, N skipped"; exits 1 on a failure.
@@ -17,13 +12,12 @@ set -uo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 ROOT=$(cd "$HERE/../.." && pwd)
 B=$ROOT/build STAGE=$ROOT/build/dep-stage W=$ROOT/build/dep-work
-export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" PYTHONDONTWRITEBYTECODE=1
 # Wine converts command lines with the locale's character set: UTF-8 keeps non-ASCII paths intact.
-export LC_ALL=C.UTF-8
+export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" PYTHONDONTWRITEBYTECODE=1 LC_ALL=C.UTF-8
 REG="python3 $HERE/reg.py"
 declare -A N=()
 
-note() { N[$ARCH$1]=$((${N[$ARCH$1]:-0} + 1)); printf '  %-4s  %s: %s\n' "$1" "$ARCH" "$2"; }
+note() { N[$ARCH$1]=$((${N[$ARCH$1]:-0} + 1)) N[$1]=$((${N[$1]:-0} + 1)); printf '  %-4s  %s: %s\n' "$1" "$ARCH" "$2"; }
 # expect <what> <command>: one check; the command's output is shown when it fails.
 expect() { if eval "$2" >"$W/out" 2>&1 </dev/null; then note ok "$1"; else sed 's/^/        /' "$W/out" | head -n 30; note FAIL "$1"; fi; }
 wz() { echo "Z:${1//\//\\}"; }  # a Unix path as Wine programs see it
@@ -113,7 +107,6 @@ stage || note FAIL "staging (build the win-x64 and win-x86 presets first)"
 expect "docs/classes is what tools/gendocs.py writes from the catalogue" \
   'python3 "$ROOT/tools/gendocs.py" --source "$ROOT" --out "$W/pages" && diff -r "$W/pages" "$ROOT/docs/classes"'
 for ARCH in x64 x86; do
-  t0=$(date +%s)
   if [ $ARCH = x64 ]; then TRIPLE=x86_64-w64-mingw32 MAGIC=PE32+ OTHER=x86 REGSVR32=regsvr32 CSCRIPT=cscript PF='C:\Program Files'
   else TRIPLE=i686-w64-mingw32 MAGIC=PE32 OTHER=x64 REGSVR32='C:\windows\syswow64\regsvr32.exe' CSCRIPT='C:\windows\syswow64\cscript.exe' PF='C:\Program Files (x86)'; fi
   A='C:\Reg Free App' D='C:\Valmetra Machine' M='C:\users\Public\Valmetra Tëst Ωmega' T="$PF\\KARVO\\Valmetra"
@@ -130,12 +123,6 @@ for ARCH in x64 x86; do
   else note FAIL "cannot boot a Wine prefix"; fi
   wineserver -k 2>/dev/null
   [ "${N[${ARCH}FAIL]:-0}" = 0 ] && rm -rf "$WINEPREFIX"
-  echo "   ($ARCH: $(( $(date +%s) - t0 )) s)"
 done
-p=0 f=0 s=0
-for a in x64 x86; do
-  echo "$a: ${N[${a}ok]:-0} passed, ${N[${a}FAIL]:-0} failed, ${N[${a}SKIP]:-0} skipped"
-  p=$((p + ${N[${a}ok]:-0})) f=$((f + ${N[${a}FAIL]:-0})) s=$((s + ${N[${a}SKIP]:-0}))
-done
-echo "$p passed, $f failed, $s skipped"
-[ $f = 0 ]
+for a in x64 x86 ""; do echo "${a:+$a: }${N[${a}ok]:-0} passed, ${N[${a}FAIL]:-0} failed, ${N[${a}SKIP]:-0} skipped"; done
+[ "${N[FAIL]:-0}" = 0 ]
