@@ -112,7 +112,7 @@ int save(const std::string& dir) {
   if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token) ||
       !LookupPrivilegeValueW(nullptr, L"SeBackupPrivilege", &tp.Privileges[0].Luid) ||
       !AdjustTokenPrivileges(token, FALSE, &tp, 0, nullptr, nullptr))
-    return 3;
+    return std::printf("cannot enable SeBackupPrivilege: error %lu\n", GetLastError()), 3;
   const struct { HKEY root; const char* key; const char* file; } keys[] = {
       {HKEY_LOCAL_MACHINE, "Software", "HKLM"}, {HKEY_CURRENT_USER, "Software\\Classes", "HKCU"}};
   for (const auto& k : keys) {

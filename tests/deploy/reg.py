@@ -105,11 +105,11 @@ def diff(arch, before, after, hive=None, folder=""):
     fix = lambda x: re.sub(re.escape(folder), "<DIR>", x.rstrip("\\") if "\\HELPDIR |" in x else x, flags=re.I)
     for h in ("HKLM", "HKCU"):
         a, b = (canon(os.path.join(d, h + ".reg"), arch) for d in (before, after))
-        want = {fix(x) for x in genmsi.record_lines(ROOT, arch, folder, h)} if h == hive else set()
-        # Beside the record: the containers, and an installed package's entry under Uninstall.
-        got = {fix(x) for x in b - a if h != hive or not re.match(
-            r"K \w+\\SOFTWARE\\CLASSES(\\(CLSID|INTERFACE|TYPELIB))?$|. HKLM\\SOFTWARE\\MICROSOFT\\WINDOWS\\"
-            r"CURRENTVERSION\\UNINSTALL\\\{", x)}
+        want, got = set(), b - a
+        if h == hive:  # beside the record: the containers, and an installed package's entry under Uninstall
+            want = {fix(x) for x in genmsi.record_lines(ROOT, arch, folder, h)}
+            got = {fix(x) for x in got if not re.match(r"K \w+\\SOFTWARE\\CLASSES(\\(CLSID|INTERFACE|TYPELIB))?$|"
+                                                       r". HKLM\\SOFTWARE\\MICROSOFT\\WINDOWS\\CURRENTVERSION\\UNINSTALL\\\{", x)}
         bad += [f"{h} missing: {x}" for x in sorted(want - got)] + [f"{h} unexpected: {x}" for x in sorted(got - want)]
         bad += [f"{h} vanished or changed: {x}" for x in sorted(a - b)]
     return bad
@@ -140,6 +140,7 @@ def static(arch, stage):
             got.add(f"V {h}\\{key.upper()} | {name.lower() or '@'} | sz | " + re.sub(r"\[[^]]*\]", lambda m: files[m[0]], value))
     want = set(genmsi.record_lines(ROOT, arch, target, "HKLM"))
     bad += [f"package: missing {x}" for x in sorted(want - got)] + [f"package: extra {x}" for x in sorted(got - want)]
+    bad += [f"package: no {c.file}" for c in COMPS if f"\n{c.key}_dll\t{c.key}\t{c.file}\t" not in msiinfo("export", msi, "File")]
     return bad + ([] if ("x64;" if arch == "x64" else "Intel;") in msiinfo("suminfo", msi) else ["package template"])
 
 

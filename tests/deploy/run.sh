@@ -26,7 +26,7 @@ unix() { local p=${1#C:}; echo "$WINEPREFIX/drive_c${p//\\//}"; }
 says() { "${@:2}" >"$W/said" 2>&1; RC=$?; tr -d '\r' <"$W/said" | tee /dev/stderr | grep -q -- "$1"; }
 each_dll() { for f in Valmetra-445.Dll ValueStack.dll; do "${@//@DLL@/$f}" || return; done; }
 # snap <n> [<base> [<hive> <dir>]]: registry snapshot n, compared with snapshot base (reg.py diff).
-snap() { mkdir -p "$W/$1" && wine "$CLIENT" save "$(wz "$W/$1")" && { [ $# = 1 ] || $REG diff $ARCH "$W/$2" "$W/$1" "${@:3}"; }; }
+snap() { mkdir -p "$W/$1" && { wine "$CLIENT" save "$(wz "$W/$1")" || ! echo "deploy_client save: exit $?"; } && { [ $# = 1 ] || $REG diff $ARCH "$W/$2" "$W/$1" "${@:3}"; }; }
 files() { (cd "$WINEPREFIX/drive_c" && find . -path ./windows/temp -prune -o -path './users/*/Temp' -prune -o -print | grep -v '^./windows/Installer' | sort); }
 
 STATIC='manifest and package against the catalogue and the DLLs|$REG static $ARCH "$STAGE"
