@@ -3,8 +3,7 @@
 //   deploy_client com <list>               the platform's activation (registry, or a manifest beside the .exe)
 //   deploy_client none <list>              as "com", where no class and no type library may resolve
 //   deploy_client actctx <manifest> <list> as "none"; then CreateActCtx/ActivateActCtx and as "com"
-//   deploy_client follow <list>            HKCU's record read by hand: ProgID -> CurVer -> CLSID ->
-//                                          InprocServer32 -> DllGetClassObject -> call; TypeLib -> load
+//   deploy_client follow <list>            HKCU's record read by hand, to DllGetClassObject and the type library
 //   deploy_client save <dir>               HKLM\Software, HKCU\Software\Classes by RegSaveKey as <dir>\HKLM.reg, HKCU.reg
 // <list> is `reg.py classes`. Prints failures and "N passed, N failed"; exits 1 on a failure.
 #include <windows.h>
@@ -144,10 +143,9 @@ int main(int argc, char** argv) {
   want = mode == "com" || mode == "follow";
   activate_all(mode == "follow");
   if (mode == "actctx") {
-    const std::wstring manifest = widen(argv[2]);
-    ACTCTXW ctx{};
-    ctx.cbSize = sizeof(ctx), ctx.lpSource = manifest.c_str();
-    HANDLE h = CreateActCtxW(&ctx);
+    ACTCTXA ctx{};
+    ctx.cbSize = sizeof(ctx), ctx.lpSource = argv[2];
+    HANDLE h = CreateActCtxA(&ctx);
     ULONG_PTR cookie = 0;
     want = true;
     check(h != INVALID_HANDLE_VALUE && ActivateActCtx(h, &cookie), "CreateActCtx/ActivateActCtx", GetLastError());

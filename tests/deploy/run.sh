@@ -1,6 +1,6 @@
 #!/bin/bash
-# Deployment tests, x64 then x86: the rows of STATIC (manifest, package and register tool against the
-# catalogue and the DLLs), then those of PATHS in a Wine prefix copied from a booted template:
+# Deployment tests, x64 then x86: static checks (manifest, package and register tool against the
+# catalogue and the DLLs), then the rows of PATHS in a Wine prefix copied from a booted template:
 # registration-free, machine (regsvr32, valmetra-register /machine), per-user (valmetra-register /user
 # from a folder with spaces and non-ASCII letters; Wine activates from HKLM only, so the record is
 # followed by hand), the package. Every registration must add exactly the record to its hive and
@@ -26,13 +26,16 @@ unix() { local p=${1#C:}; echo "$WINEPREFIX/drive_c${p//\\//}"; }
 says() { "${@:2}" >"$W/said" 2>&1; RC=$?; tr -d '\r' <"$W/said" | tee /dev/stderr | grep -q -- "$1"; }
 each_dll() { for f in Valmetra-445.Dll ValueStack.dll; do "${@//@DLL@/$f}" || return; done; }
 # snap <n> [<base> [<hive> <dir>]]: registry snapshot n, compared with snapshot base (reg.py diff).
-snap() { mkdir -p "$W/$1" && { wine "$CLIENT" save "$(wz "$W/$1")" || ! echo "deploy_client save: exit $?"; } && { [ $# = 1 ] || $REG diff $ARCH "$W/$2" "$W/$1" "${@:3}"; }; }
+snap() { mkdir -p "$W/$1" && { wine "$CLIENT" save "$(wz "$W/$1")" || ! echo "deploy_client save: exit $?"; } &&
+  { [ $# = 1 ] || $REG diff $ARCH "$W/$2" "$W/$1" "${@:3}"; }; }
+pe_kind() {  # <file>: this arch's kind of program, importing system DLLs only
+  ${TRIPLE}-objdump -p "$STAGE/$ARCH/$1" >"$W/pe" && grep -q "Magic.*($MAGIC)" "$W/pe" && ! grep "DLL Name" "$W/pe" |
+    grep -viE " (kernel32|msvcrt|ole32|oleaut32|advapi32|user32|ntdll|ucrtbase)\.dll"
+}
 files() { (cd "$WINEPREFIX/drive_c" && find . -path ./windows/temp -prune -o -path './users/*/Temp' -prune -o -print | grep -v '^./windows/Installer' | sort); }
 
-STATIC='manifest and package against the catalogue and the DLLs|$REG static $ARCH "$STAGE"
-valmetra-register.exe is $MAGIC and imports system DLLs only|${TRIPLE}-objdump -p "$STAGE/$ARCH/valmetra-register.exe" >"$W/pe" && grep -q "Magic.*($MAGIC)" "$W/pe" && ! grep "DLL Name" "$W/pe" | grep -viE " (kernel32|msvcrt|ole32|oleaut32|advapi32|user32|ntdll|ucrtbase)\.dll"'
 PATHS='registration-free: application manifest, every class and type library|wine "$A\\deploy_client.exe" com "$LIST"
-registration-free: nothing before CreateActCtx, every class after|wine "$A\\actctx_client.exe" actctx "$A\\KARVO.Valmetra.manifest" "$LIST"
+registration-free: nothing before CreateActCtx, every class after|wine "$CLIENT" actctx "$A\\KARVO.Valmetra.manifest" "$LIST"
 examples/cpp registration_free.exe|says "registration_free: ok$" wine "$A\\registration_free.exe"
 registration-free use writes no key|snap 1 0
 regsvr32 both DLLs|each_dll wine "$REGSVR32" /s "$D\\@DLL@"
@@ -95,8 +98,7 @@ prefix() {
   echo 'WScript.Echo 1' >"$W/warm.vbs" && wine "$CSCRIPT" //nologo "$(wz "$W/warm.vbs")" >/dev/null 2>&1  # registers itself once
   snap 0 && files >"$W/files0" || return 1
   for d in "$A" "$D" "$M"; do mkdir -p "$(unix "$d")" && cp "$STAGE/$ARCH"/* "$(unix "$d")/" || return 1; done
-  cp "$CLIENT" "$(unix "$A")/deploy_client.exe" && cp "$CLIENT" "$(unix "$A")/actctx_client.exe" &&
-    cp "$B/dep-examples/$ARCH"/*.exe "$(unix "$A")/" &&
+  cp "$CLIENT" "$B/dep-examples/$ARCH"/*.exe "$(unix "$A")/" &&
     python3 "$ROOT/tools/genmanifest.py" --source "$ROOT" --arch $ARCH --app "$(unix "$A")/deploy_client.exe.manifest"
 }
 
@@ -112,12 +114,13 @@ for ARCH in x64 x86; do
   A='C:\Reg Free App' D='C:\Valmetra Machine' M='C:\users\Public\Valmetra Tëst Ωmega' T="$PF\\KARVO\\Valmetra"
   R="$M\\valmetra-register.exe" MSI=$(wz "$STAGE/KARVO-Valmetra-$ARCH.msi") LIST=$(wz "$STAGE/classes.txt") CLIENT=$B/dep-tools/$ARCH/deploy_client.exe
   [ -f "$STAGE/KARVO-Valmetra-$ARCH.msi" ] || { note FAIL "nothing staged"; continue; }
-  while IFS='|' read -r what cmd; do eval "what=\"$what\""; expect "$what" "$cmd"; done <<<"$STATIC"
-  if [ $ARCH = x86 ]; then
-    if W32BIN=$("$ROOT/tools/wine32/provide.sh"); then PATH="$W32BIN${W32BIN:+:}$PATH"
-    elif [ "${VALMETRA_SKIP_X86:-}" = 1 ]; then note SKIP "no 32-bit Wine (VALMETRA_SKIP_X86=1): registration, activation, package"; continue
-    else note FAIL "no 32-bit Wine: tools/wine32/provide.sh failed"; continue; fi
+  expect "manifest and package against the catalogue and the DLLs" '$REG static $ARCH "$STAGE"'
+  expect "valmetra-register.exe is $MAGIC and imports system DLLs only" 'pe_kind valmetra-register.exe'
+  if [ $ARCH = x86 ] && ! W32BIN=$("$ROOT/tools/wine32/provide.sh"); then
+    [ "${VALMETRA_SKIP_X86:-}" = 1 ] && note SKIP "no 32-bit Wine (VALMETRA_SKIP_X86=1): registration, activation, package" ||
+      note FAIL "no 32-bit Wine: tools/wine32/provide.sh failed"; continue
   fi
+  PATH="${W32BIN:-}${W32BIN:+:}$PATH"
   if prefix; then
     while IFS='|' read -r what cmd; do eval "what=\"$what\""; expect "$what" "$cmd"; done <<<"$PATHS"
   else note FAIL "cannot boot a Wine prefix"; fi
