@@ -29,7 +29,6 @@ def class_lines():
     """class <file> <clsid> <progid> <progid.N> <iid> <name> <probe> <get|method> <VT>; typelib <file> <libid>
     <major> <minor>. The probe is a member callable without arguments: the value member first."""
     by_name = {c.name: c for c in gencatalogue.load(ROOT)[1]}
-    out = []
     for comp in COMPS:
         for c in comp.classes:
             probe = ("Count", "get", 3)
@@ -38,9 +37,8 @@ def class_lines():
                 m = min((m for m in k.members if m.kind == "get" or not m.params), key=lambda m: (
                     m.kind != "get", m.name != k.value_member, m.result != "BSTR", m.slot))
                 probe = (m.name, m.kind, VT.get(m.result, 0))
-            out.append(f"class {comp.file} {c.clsid} {c.progid} {c.cur_version} {c.iid} {c.name} %s %s %s" % probe)
-        out.append(f"typelib {comp.file} {comp.libid} " + comp.version.replace(".", " "))
-    return out
+            yield f"class {comp.file} {c.clsid} {c.progid} {c.cur_version} {c.iid} {c.name} %s %s %s" % probe
+        yield f"typelib {comp.file} {comp.libid} " + comp.version.replace(".", " ")
 
 
 def vbs():
@@ -122,6 +120,9 @@ def static(arch, stage):
             tuple(p.text for p in e.findall("a:progid", ns))) for f in root.findall("a:file", ns) for e in f}
     want = {(comp.file, None, None, None, comp.libid, comp.version, ()) for comp in COMPS} | {
         (comp.file, c.clsid, c.progid, "Apartment", comp.libid, None, (c.cur_version,)) for comp in COMPS for c in comp.classes}
+    got |= {tuple(e.get(k) for k in ("name", "iid", "tlbid", "proxyStubClsid32"))  # the marshalling of each interface
+            for e in root.findall("a:comInterfaceExternalProxyStub", ns)}
+    want |= {(c.interface, c.iid, comp.libid, deploymodel.PSOAINTERFACE) for comp in COMPS for c in comp.classes}
     bad = [f"manifest: missing {x}" for x in want - got] + [f"manifest: extra {x}" for x in got - want]
     if root.find("a:assemblyIdentity", ns).get("processorArchitecture") != {"x64": "amd64", "x86": "x86"}[arch]:
         bad.append("manifest: processorArchitecture")

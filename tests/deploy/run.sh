@@ -28,10 +28,9 @@ each_dll() { for f in Valmetra-445.Dll ValueStack.dll; do "${@//@DLL@/$f}" || re
 # snap <n> [<base> [<hive> <dir>]]: registry snapshot n, compared with snapshot base (reg.py diff).
 snap() { mkdir -p "$W/$1" && { wine "$CLIENT" save "$(wz "$W/$1")" || ! echo "deploy_client save: exit $?"; } &&
   { [ $# = 1 ] || $REG diff $ARCH "$W/$2" "$W/$1" "${@:3}"; }; }
-pe_kind() {  # <file>: this arch's kind of program, importing system DLLs only
-  ${TRIPLE}-objdump -p "$STAGE/$ARCH/$1" >"$W/pe" && grep -q "Magic.*($MAGIC)" "$W/pe" && ! grep "DLL Name" "$W/pe" |
-    grep -viE " (kernel32|msvcrt|ole32|oleaut32|advapi32|user32|ntdll|ucrtbase)\.dll"
-}
+# pe_kind <file>: this arch's kind of program, importing system DLLs only.
+pe_kind() { ${TRIPLE}-objdump -p "$STAGE/$ARCH/$1" >"$W/pe" && grep -q "Magic.*($MAGIC)" "$W/pe" &&
+  ! grep "DLL Name" "$W/pe" | grep -viE " (kernel32|msvcrt|ole32|oleaut32|advapi32|user32|ntdll|ucrtbase)\.dll"; }
 files() { (cd "$WINEPREFIX/drive_c" && find . -path ./windows/temp -prune -o -path './users/*/Temp' -prune -o -print | grep -v '^./windows/Installer' | sort); }
 
 PATHS='registration-free: application manifest, every class and type library|wine "$A\\deploy_client.exe" com "$LIST"
