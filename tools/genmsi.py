@@ -8,7 +8,7 @@ r"""Writes the installer sources (wixl .wxs) and the registration record.
         own DllRegisterServer writes for the machine, generated from the
         catalogue; build it with `wixl -a x64|x86 -o <msi> <file>`
     genmsi.py --source <checkout> --arch x64|x86 --record --dir <folder> [--hive HKLM|HKCU]
-        the same rows as canonical lines (tests/deploy/regdiff.py format) for
+        the same rows as canonical lines (the form tests/deploy/reg.py compares) for
         DLLs installed in <folder>: what registration must add to the hive
 
 The installer toolset has no class or type library tables of its own, so
@@ -113,7 +113,7 @@ def all_rows(source, arch):
 
 def record_lines(source, arch, folder, hive):
     """What registration adds: a K line per key from the identity key down and a
-    V line per value, in tests/deploy/regdiff.py's canonical form."""
+    V line per value, in the form tests/deploy/reg.py compares."""
     folder = folder.rstrip("\\")
     keys, values = set(), set()
     for r in all_rows(source, arch):
