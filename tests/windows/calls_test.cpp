@@ -221,7 +221,7 @@ struct Store {
 };
 
 struct Form {
-  const char* name;
+  std::string name;
   std::function<void(Store&, VARIANT&)> make;
   HRESULT refused = S_OK;  // the answer for a malformed argument
   bool readable = true;    // its pointers may be followed by the test
@@ -234,20 +234,20 @@ VARIANT value_of(VARTYPE vt) {
   v.vt = vt;
   return v;
 }
-Form scalar(const char* name, VARTYPE vt, double x) {
+Form scalar(std::string name, VARTYPE vt, double x) {
   return {name, [vt, x](Store&, VARIANT& v) {
             v = value_of(VT_R8);
             v.dblVal = x;
             if (vt != VT_R8) VariantChangeType(&v, &v, 0, vt);
           }};
 }
-Form text(const char* name, const wchar_t* t) {
+Form text(std::string name, const wchar_t* t) {
   return {name, [t](Store&, VARIANT& v) {
             v = value_of(VT_BSTR);
             v.bstrVal = SysAllocString(t);
           }};
 }
-Form bogus(const char* name, VARTYPE vt, HRESULT refused, bool array = false) {
+Form bogus(std::string name, VARTYPE vt, HRESULT refused, bool array = false) {
   return {name, [vt](Store&, VARIANT& v) {
             v = value_of(vt);
             v.byref = reinterpret_cast<void*>(1);
@@ -365,14 +365,9 @@ std::vector<Form> forms() {
       {"15", 15},         {"VOID", VT_VOID}, {"HRESULT", VT_HRESULT}, {"PTR", VT_PTR},
       {"USERDEFINED", VT_USERDEFINED}, {"LPWSTR", VT_LPWSTR}, {"RECORD", VT_RECORD}, {"INT_PTR", VT_INT_PTR},
       {"FILETIME", VT_FILETIME}, {"CLSID", VT_CLSID}, {"0xFFF", 0xFFF}};
-  static std::vector<std::string> names;
-  if (names.empty())
-    for (const auto& [n, vt] : invalid)
-      for (const char* bits : {"", "BYREF ", "ARRAY ", "BYREF ARRAY "}) names.push_back(std::string(bits) + n);
-  std::size_t k = 0;
   for (const auto& [n, vt] : invalid)
-    for (int bits : {0, 0x4000, 0x2000, 0x6000})  // by reference, array
-      f.push_back(bogus(names[k++].c_str(), static_cast<VARTYPE>(vt | bits), DISP_E_BADVARTYPE));
+    for (const auto& [bits, prefix] : {std::pair{0, ""}, {VT_BYREF, "BYREF "}, {VT_ARRAY, "ARRAY "}, {0x6000, "BYREF ARRAY "}})
+      f.push_back(bogus(prefix + std::string(n), static_cast<VARTYPE>(vt | bits), DISP_E_BADVARTYPE));
   return f;
 }
 
@@ -479,6 +474,12 @@ Outcome call_once(const ClassDesc& c, const Entry& e, std::size_t at, const Form
   std::string before_args;
   for (std::size_t i = 0; i < n; ++i) before_args += seen(rgvarg[n - 1 - i], i != at || f.readable) + " ";
   const std::string before_state = state_of(c, o.get());
+  // A written-back parameter of a fixed type refuses a valid reference to
+  // another type: the call could not write the caller's variable.
+  const VARTYPE given = n ? rgvarg[n - 1 - at].vt : VARTYPE{VT_EMPTY};
+  const bool unwritable = n && e.member && f.refused == S_OK && e.params[at].passing == Passing::InOut &&
+                          e.params[at].type != VT_VARIANT && (given & VT_BYREF) && given != (VT_BYREF | VT_VARIANT) &&
+                          given != (VT_BYREF | e.params[at].type);
   DISPID put = DISPID_PROPERTYPUT;
   DISPPARAMS params{rgvarg.data(), e.flags == DISPATCH_PROPERTYPUT ? &put : nullptr, static_cast<UINT>(n),
                     e.flags == DISPATCH_PROPERTYPUT ? 1u : 0u};
@@ -515,7 +516,8 @@ Outcome call_once(const ClassDesc& c, const Entry& e, std::size_t at, const Form
     }
   }
   const bool taken = f.array && e.params[at].type == VT_VARIANT;
-  EXPECT_TRUE(taken ? !argument_failure(out.hr) : f.refused == S_OK || out.hr == f.refused)
+  EXPECT_TRUE(taken ? !argument_failure(out.hr) : unwritable ? out.hr == DISP_E_TYPEMISMATCH
+                                                              : f.refused == S_OK || out.hr == f.refused)
       << e.name << " with " << f.name << ": 0x" << std::hex << out.hr;
   // An argument failure names the argument (the others are plain values).
   EXPECT_TRUE(!argument_failure(out.hr) || out.arg_error == n - 1 - at) << e.name << " with " << f.name;
@@ -563,10 +565,61 @@ TEST_F(Calls, EveryEntryWithEveryArgumentFormAgreesAcrossPathsAndEnvironments) {
     }
   clear_history();
   RemoveVectoredExceptionHandler(handler);
-  EXPECT_EQ(leaks.count(), 0u) << leaks.describe();
+  EXPECT_EQ(leaks.unfreed(), "");
   EXPECT_EQ(g_traps, 0);
   EXPECT_EQ(caller_object().refs(), 1u) << "the library kept or dropped a reference to the caller's object";
   std::printf("[ calls    ] %zu calls over %zu argument forms, %zu differences\n", calls, pool.size(), differences);
+}
+
+// Through the vtable: Swap writes the caller's typed variable; a failure
+// leaves error information naming the interface (the value history
+// service's passes on as it is) and the value unchanged; a text result stays
+// empty until the operation succeeds (the 32,768th item overflows the count
+// of GiveMeYourNumbers).
+TEST_F(Calls, TypedCallsWriteBackAndReportFailures) {
+  ComPtr<_IntegerData> object = create<_IntegerData>(L"IntegerData");
+  const IID& iid = kClasses[class_index(L"IntegerData")].iid;
+  ComPtr<ISupportErrorInfo> support;
+  ASSERT_EQ(object.query(IID_ISupportErrorInfo, support), S_OK);
+  EXPECT_EQ(support->InterfaceSupportsErrorInfo(iid), S_OK);
+  EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IDispatch), S_OK);
+  EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IClassFactory), S_FALSE);
+  SHORT value = 2, zero = 0;
+  ASSERT_EQ(object->put_Value(5), S_OK);
+  ASSERT_EQ(object->Swap(&value), S_OK);
+  EXPECT_EQ(value, 5);
+  ASSERT_EQ(object->put_Value(5), S_OK);
+  const struct {
+    std::function<HRESULT()> call;
+    HRESULT hr;
+    const wchar_t *source, *description;
+  } rows[] = {{[&] { return object->IDivide(&zero); }, HRESULT(0x800A000B), L"KARVO_Valmetra", L"Division by zero"},
+              {[&] { return object->Add(nullptr); }, E_POINTER, L"KARVO_Valmetra", L"Invalid pointer"},
+              {[&] { return object->Pop(); }, HRESULT(0x800A0005), L"ValueStack", L"The value history holds no Integer"}};
+  for (const auto& r : rows) {
+    EXPECT_EQ(r.call(), r.hr);
+    ComPtr<IErrorInfo> info;
+    Bstr description, source;
+    GUID guid{};
+    ASSERT_EQ(GetErrorInfo(0, info.put()), S_OK);
+    ASSERT_TRUE(info->GetDescription(description.put()) == S_OK && info->GetSource(source.put()) == S_OK &&
+                info->GetGUID(&guid) == S_OK);
+    EXPECT_TRUE(guid == iid);
+    EXPECT_EQ(text_of(source.get()), r.source);
+    EXPECT_EQ(text_of(description.get()), r.description);
+    ASSERT_EQ(object->get_Value(&value), S_OK);
+    EXPECT_EQ(value, 5);
+  }
+  ComPtr<_IntegerAverage> average = create<_IntegerAverage>(L"IntegerAverage");
+  SHORT item = 1;
+  for (int i = 0; i < 32768; ++i) ASSERT_EQ(average->AddAPieceOfData(&item), S_OK);
+  BSTR text = reinterpret_cast<BSTR>(static_cast<std::uintptr_t>(1));  // whatever the caller had there
+  EXPECT_EQ(average->get_GiveMeYourNumbers(&text), static_cast<HRESULT>(0x800A0006));
+  EXPECT_EQ(text, nullptr);
+  Call c;
+  call(c, average.get(), L"GiveMeYourNumbers");
+  EXPECT_EQ(c.exception.scode, static_cast<SCODE>(0x800A0006));
+  EXPECT_EQ(c.result->vt, VT_EMPTY);
 }
 
 TEST_F(Calls, RandomHostileCalls) {
