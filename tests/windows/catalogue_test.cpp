@@ -1,8 +1,6 @@
 // The catalogue compiled into the library against the type library embedded
-// in it and against GetIDsOfNames, entry by entry; the identity records.
+// in it and against GetIDsOfNames, entry by entry; the library's identity.
 #include "support.h"
-
-#include <winver.h>
 
 #include <set>
 #include <sstream>
@@ -211,38 +209,6 @@ TEST(ValueStackLibrary, VtablePositionsAreTheContract) {
     EXPECT_EQ(f->oVft, static_cast<SHORT>((7 + position) * sizeof(void*))) << position;
     info->ReleaseFuncDesc(f);
   }
-}
-
-TEST(LibraryFile, VersionRecord) {
-  const wchar_t* path = library().path.c_str();
-  DWORD handle = 0;
-  std::vector<BYTE> block(GetFileVersionInfoSizeW(path, &handle));
-  ASSERT_FALSE(block.empty());
-  ASSERT_TRUE(GetFileVersionInfoW(path, 0, block.size(), block.data()));
-  VS_FIXEDFILEINFO* fixed = nullptr;
-  UINT length = 0;
-  ASSERT_TRUE(VerQueryValueW(block.data(), L"\\", reinterpret_cast<void**>(&fixed), &length));
-  EXPECT_EQ(fixed->dwFileVersionMS, 0x00040000u);
-  EXPECT_EQ(fixed->dwFileVersionLS, 0x00000001u);
-  EXPECT_EQ(fixed->dwProductVersionMS, 0x00040000u);
-  EXPECT_EQ(fixed->dwProductVersionLS, 0x00000001u);
-  EXPECT_EQ(fixed->dwFileType, static_cast<DWORD>(VFT_DLL));
-  const std::pair<const wchar_t*, std::wstring> strings[] = {
-      {L"FileVersion", L"4.00.0001"}, {L"ProductVersion", L"4.00.0001"}, {L"ProductName", L"Valmetra"},
-      {L"InternalName", L"Valmetra-445"}, {L"OriginalFilename", L"Valmetra-445.Dll"},
-      {L"FileDescription", kLibrary.description}, {L"OLESelfRegister", L""}};
-  for (const auto& [name, text] : strings) {
-    void* value = nullptr;
-    const std::wstring key = std::wstring(L"\\StringFileInfo\\040904B0\\") + name;
-    ASSERT_TRUE(VerQueryValueW(block.data(), key.c_str(), &value, &length)) << narrow(name);
-    EXPECT_EQ(length ? std::wstring(static_cast<const wchar_t*>(value)) : std::wstring(), text);
-  }
-  WORD* translation = nullptr;
-  ASSERT_TRUE(VerQueryValueW(block.data(), L"\\VarFileInfo\\Translation", reinterpret_cast<void**>(&translation),
-                             &length));
-  ASSERT_EQ(length, 4u);
-  EXPECT_EQ(translation[0], 0x409);
-  EXPECT_EQ(translation[1], 1200);
 }
 
 }  // namespace
