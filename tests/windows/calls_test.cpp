@@ -18,20 +18,13 @@
 //    one argument too many by every entry.
 // A seeded random phase then makes malformed calls of every shape
 // (VALMETRA_HOSTILE_SECONDS, default 3; VALMETRA_HOSTILE_SEED replays one).
-#include <float.h>
-
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <limits>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "hosting/com/dispatch.h"
 #include "support.h"
@@ -43,9 +36,7 @@
 namespace vt {
 namespace {
 
-using valmetra::com::Arg;
 using valmetra::com::DispatchTable;
-using valmetra::com::Kind;
 using valmetra::com::Member;
 using valmetra::com::Param;
 using valmetra::com::Passing;
@@ -195,23 +186,15 @@ const std::vector<ClassDesc>& classes() {
 
 // ------------------------------------------------------------ argument forms
 
-// A caller's storage for one argument: what a by-reference form points at.
-// The Variant a VT_BYREF|VT_VARIANT refers to may be rewritten by a call
-// (a written-back parameter) and is cleared here.
+// A caller's storage for one argument: the variable a by-reference form
+// points at, and the Variant a VT_BYREF|VT_VARIANT refers to (which a call
+// may rewrite; cleared here unless it is a malformed one).
 struct Store {
-  SHORT i2 = 0;
-  LONG i4 = 0;
-  FLOAT r4 = 0;
-  DOUBLE r8 = 0;
-  VARIANT_BOOL b = 0;
-  BSTR text = nullptr;
-  VARIANT inner{};
-  DECIMAL dec{};
+  VARIANT cell{}, inner{}, top{};
   SAFEARRAY* array = nullptr;
-  VARIANT top{};  // the argument itself
   ~Store() {
-    Bstr::adopt(text).reset();
-    if (inner.vt == VT_BSTR || inner.vt == VT_DISPATCH) VariantClear(&inner);  // may point anywhere else
+    VariantClear(&cell);
+    if (inner.vt == VT_BSTR || inner.vt == VT_DISPATCH) VariantClear(&inner);
     if (array) SafeArrayDestroy(array);
   }
 };
@@ -224,31 +207,31 @@ struct Form {
   bool array = false;      // an array: a Variant parameter takes it unread
 };
 
-VARIANT value_of(VARTYPE vt) {
-  VARIANT v;
-  VariantInit(&v);
-  v.vt = vt;
-  return v;
-}
+VARIANT value_of(VARTYPE vt) { return v_of(vt, 0); }
 Form scalar(std::string name, VARTYPE vt, double x) {
   return {name, [vt, x](Store&, VARIANT& v) {
-            v = value_of(VT_R8);
-            v.dblVal = x;
+            v = v_r8(x);
             if (vt != VT_R8) VariantChangeType(&v, &v, 0, vt);
           }};
 }
 Form text(std::string name, const wchar_t* t) {
-  return {name, [t](Store&, VARIANT& v) {
-            v = value_of(VT_BSTR);
-            v.bstrVal = SysAllocString(t);
-          }};
+  return {name, [t](Store&, VARIANT& v) { v = v_text(t); }};
 }
 Form bogus(std::string name, VARTYPE vt, HRESULT refused, bool array = false) {
-  return {name, [vt](Store&, VARIANT& v) {
-            v = value_of(vt);
-            v.byref = reinterpret_cast<void*>(1);
-          },
-          refused, false, array};
+  return {name, [vt](Store&, VARIANT& v) { v = v_of(vt, reinterpret_cast<void*>(1)); }, refused, false, array};
+}
+// A reference to a caller's variable holding what `f` makes (a DECIMAL
+// fills the whole VARIANT).
+Form byref(Form f) {
+  return {"BYREF " + f.name, [make = f.make](Store& s, VARIANT& v) {
+            make(s, s.cell);
+            v = v_of(VT_BYREF | s.cell.vt, s.cell.vt == VT_DECIMAL ? (void*)&s.cell.decVal : (void*)&s.cell.iVal);
+          }};
+}
+// A reference to a caller's Variant holding what `f` makes.
+Form refvar(Form f) {
+  return {"BYREF VARIANT " + f.name, [make = f.make](Store& s, VARIANT& v) { make(s, s.inner), v = v_ref(&s.inner); },
+          f.refused, f.readable, f.array};
 }
 
 Probe& caller_object() {
@@ -263,6 +246,10 @@ Probe& caller_object() {
 // Valid values of every type a host passes, by value and by reference, then
 // the malformed ones with the answer each must get.
 std::vector<Form> forms() {
+  // The argument holds a reference, as a caller's variable does.
+  const Form dispatch{"DISPATCH caller's", [](Store&, VARIANT& v) {
+                        v = v_dispatch(&caller_object()), v.pdispVal->AddRef();
+                      }};
   std::vector<Form> f = {
       scalar("I2 7", VT_I2, 7), scalar("I2 -32768", VT_I2, -32768), scalar("I4 70000", VT_I4, 70000),
       scalar("I4 -1", VT_I4, -1), scalar("R4 1.5", VT_R4, 1.5), scalar("R4 NaN", VT_R4, NAN),
@@ -277,71 +264,31 @@ std::vector<Form> forms() {
       {"EMPTY", [](Store&, VARIANT& v) { v = value_of(VT_EMPTY); }},
       {"NULL", [](Store&, VARIANT& v) { v = value_of(VT_NULL); }},
       {"missing", [](Store&, VARIANT& v) { v = v_missing(); }, DISP_E_PARAMNOTOPTIONAL, false},
-      {"ERROR 5", [](Store&, VARIANT& v) { v = value_of(VT_ERROR), v.scode = 5; }},
-      // The argument holds a reference, as a caller's variable does.
-      {"DISPATCH caller's", [](Store&, VARIANT& v) {
-         v = value_of(VT_DISPATCH), v.pdispVal = &caller_object(), v.pdispVal->AddRef();
-       }},
-      {"UNKNOWN caller's", [](Store&, VARIANT& v) {
-         v = value_of(VT_UNKNOWN), v.punkVal = &caller_object(), v.punkVal->AddRef();
-       }},
+      {"ERROR 5", [](Store&, VARIANT& v) { v = v_of(VT_ERROR, SCODE{5}); }}, dispatch,
+      {"UNKNOWN caller's", [](Store&, VARIANT& v) { v = v_of(VT_UNKNOWN, &caller_object()), v.punkVal->AddRef(); }},
       {"DISPATCH null", [](Store&, VARIANT& v) { v = value_of(VT_DISPATCH); }},
-      {"BYREF DISPATCH caller's", [](Store& s, VARIANT& v) {
-         s.inner = value_of(VT_DISPATCH), s.inner.pdispVal = &caller_object(), s.inner.pdispVal->AddRef();
-         v = value_of(VT_BYREF | VT_DISPATCH), v.ppdispVal = &s.inner.pdispVal;
-       }},
-      {"BYREF VARIANT DISPATCH caller's", [](Store& s, VARIANT& v) {
-         s.inner = value_of(VT_DISPATCH), s.inner.pdispVal = &caller_object(), s.inner.pdispVal->AddRef();
-         v = v_ref(&s.inner);
-       }},
-      {"BYREF I2", [](Store& s, VARIANT& v) { s.i2 = 3, v = v_ref(&s.i2); }},
-      {"BYREF I4", [](Store& s, VARIANT& v) { s.i4 = 40000, v = v_ref(&s.i4); }},
-      {"BYREF R4", [](Store& s, VARIANT& v) { s.r4 = 0.1f, v = value_of(VT_BYREF | VT_R4), v.pfltVal = &s.r4; }},
-      {"BYREF R8", [](Store& s, VARIANT& v) { s.r8 = -7.5, v = value_of(VT_BYREF | VT_R8), v.pdblVal = &s.r8; }},
-      {"BYREF BOOL", [](Store& s, VARIANT& v) { s.b = -1, v = value_of(VT_BYREF | VT_BOOL), v.pboolVal = &s.b; }},
-      {"BYREF BSTR", [](Store& s, VARIANT& v) {
-         s.text = Bstr(std::wstring_view(L"12")).detach();
-         v = value_of(VT_BYREF | VT_BSTR), v.pbstrVal = &s.text;
-       }},
-      {"BYREF DECIMAL", [](Store& s, VARIANT& v) {
-         VarDecFromI4(-2, &s.dec);
-         v = value_of(VT_BYREF | VT_DECIMAL), v.pdecVal = &s.dec;
-       }},
-      {"BYREF VARIANT I2", [](Store& s, VARIANT& v) { s.inner = v_i2(4), v = v_ref(&s.inner); }},
-      {"BYREF VARIANT BSTR", [](Store& s, VARIANT& v) { s.inner = v_text(L"6"), v = v_ref(&s.inner); }},
-      {"BYREF VARIANT R8", [](Store& s, VARIANT& v) { s.inner = v_r8(1e10), v = v_ref(&s.inner); }},
-      {"BYREF VARIANT BYREF I4", [](Store& s, VARIANT& v) {
-         s.i4 = 2, s.inner = v_ref(&s.i4), v = v_ref(&s.inner);
-       }},
-      {"BYREF VARIANT EMPTY", [](Store& s, VARIANT& v) { s.inner = value_of(VT_EMPTY), v = v_ref(&s.inner); }},
+      byref(dispatch), refvar(dispatch), byref(scalar("I2 3", VT_I2, 3)), byref(scalar("I4 40000", VT_I4, 40000)),
+      byref(scalar("R4 0.1", VT_R4, 0.1)), byref(scalar("R8 -7.5", VT_R8, -7.5)), byref(scalar("BOOL", VT_BOOL, -1)),
+      byref(text("BSTR 12", L"12")), byref(scalar("DECIMAL -2", VT_DECIMAL, -2)), refvar(scalar("I2 4", VT_I2, 4)),
+      refvar(text("BSTR 6", L"6")), refvar(scalar("R8 1e10", VT_R8, 1e10)), refvar(byref(scalar("I4 2", VT_I4, 2))),
+      refvar({"EMPTY", [](Store&, VARIANT& v) { v = value_of(VT_EMPTY); }}),
       // Malformed: null references, references to references (also to
       // itself), arrays, and type codes no host passes.
       {"BYREF I2 null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_I2); }, DISP_E_TYPEMISMATCH, false},
       {"BYREF VARIANT null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_VARIANT); }, DISP_E_TYPEMISMATCH,
        false},
-      {"BYREF VARIANT to BYREF R8 null", [](Store& s, VARIANT& v) {
-         s.inner = value_of(VT_BYREF | VT_R8), v = v_ref(&s.inner);
-       }, DISP_E_TYPEMISMATCH, false},
-      {"BYREF VARIANT to itself", [](Store& s, VARIANT& v) {
-         s.inner = v_ref(&s.inner), v = v_ref(&s.inner);
-       }, DISP_E_TYPEMISMATCH, false},
-      {"BYREF VARIANT to BYREF VARIANT", [](Store& s, VARIANT& v) {
-         s.top = v_i2(1), s.inner = v_ref(&s.top), v = v_ref(&s.inner);
-       }, DISP_E_TYPEMISMATCH, false},
-      {"BYREF VARIANT to VARIANT", [](Store& s, VARIANT& v) {
-         s.inner = value_of(VT_VARIANT), v = v_ref(&s.inner);
-       }, DISP_E_BADVARTYPE, false},
-      {"BYREF VARIANT to 0x7FFF", [](Store& s, VARIANT& v) {
-         s.inner = value_of(0x7FFF), s.inner.byref = reinterpret_cast<void*>(1), v = v_ref(&s.inner);
-       }, DISP_E_BADVARTYPE, false},
+      refvar({"BYREF R8 null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_R8); }, DISP_E_TYPEMISMATCH, false}),
+      refvar({"to itself", [](Store& s, VARIANT& v) { v = v_ref(&s.inner); }, DISP_E_TYPEMISMATCH, false}),
+      refvar({"BYREF VARIANT", [](Store& s, VARIANT& v) { s.top = v_i2(1), v = v_ref(&s.top); }, DISP_E_TYPEMISMATCH,
+              false}),
+      refvar({"VARIANT", [](Store&, VARIANT& v) { v = value_of(VT_VARIANT); }, DISP_E_BADVARTYPE, false}),
+      refvar(bogus("0x7FFF", 0x7FFF, DISP_E_BADVARTYPE)),
       // Arrays: a Variant parameter takes them, their pointers unread.
       {"ARRAY I2", [](Store& s, VARIANT& v) {
          s.array = SafeArrayCreateVector(VT_I2, 0, 2);
-         v = value_of(VT_ARRAY | VT_I2), v.parray = s.array;
+         v = v_of(VT_ARRAY | VT_I2, s.array);
        }, DISP_E_TYPEMISMATCH, false, true},
-      {"BYREF VARIANT ARRAY VARIANT at 1", [](Store& s, VARIANT& v) {  // a script's Array(...)
-         s.inner = value_of(VT_ARRAY | VT_VARIANT), s.inner.byref = reinterpret_cast<void*>(1), v = v_ref(&s.inner);
-       }, DISP_E_TYPEMISMATCH, false, true},
+      refvar(bogus("ARRAY VARIANT at 1", VT_ARRAY | VT_VARIANT, DISP_E_TYPEMISMATCH, true)),  // a script's Array(...)
       bogus("ARRAY I2 at 1", VT_ARRAY | VT_I2, DISP_E_TYPEMISMATCH, true),
       bogus("BYREF ARRAY VARIANT at 1", VT_BYREF | VT_ARRAY | VT_VARIANT, DISP_E_TYPEMISMATCH, true),
       {"BYREF ARRAY I4 null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_ARRAY | VT_I4); },
@@ -369,15 +316,10 @@ std::vector<Form> forms() {
 
 // A plain value of the parameter's type, in the form it is declared.
 void plain(const Param& p, Store& s, VARIANT& v) {
-  const VARTYPE t = p.type == VT_VARIANT ? VARTYPE{VT_I2} : p.type;
-  if (p.passing == Passing::Value || p.type == VT_VARIANT) {
-    v = p.type == VT_BSTR ? v_text(L"2") : v_i2(2);
-    if (t != VT_I2 && t != VT_BSTR) VariantChangeType(&v, &v, 0, t);
-    return;
-  }
-  s.inner = p.type == VT_BSTR ? v_text(L"2") : v_i2(2);
-  if (t != VT_I2 && t != VT_BSTR) VariantChangeType(&s.inner, &s.inner, 0, t);
-  v = v_ref(&s.inner);
+  VARIANT& value = p.passing == Passing::Value || p.type == VT_VARIANT ? v : s.inner;
+  value = p.type == VT_BSTR ? v_text(L"2") : v_i2(2);
+  if (p.type != VT_I2 && p.type != VT_BSTR && p.type != VT_VARIANT) VariantChangeType(&value, &value, 0, p.type);
+  if (&value != &v) v = v_ref(&s.inner);
 }
 
 // What a caller can see of an argument (its pointers followed only when
