@@ -60,7 +60,7 @@ On Error GoTo 0
 
 ' ValueStack: per type, a value pushed from a variable comes back into an
 ' Empty variable, which takes the type's vartype.
-Set s = CreateObject("ValueStack.ValueStack"): Set t = CreateObject("ValueStack.ValueStack")
+Set s = CreateObject("ValueStack.ValueStack")
 Same s.Summary, "Boolean 0, Double 0, Integer 0, Long 0, Single 0", vbString, "a new ValueStack is empty"
 v = Array(True, 2.5, -7, 100000, CSng(0.5)): r = Array(vbBoolean, vbDouble, vbInteger, vbLong, vbSingle)
 For i = 0 To 4
@@ -74,6 +74,7 @@ For i = 0 To 4
   End Select
   Same y, x, r(i), "ValueStack Push then Pop of " & Show(x)
 Next
+Set t = CreateObject("ValueStack.ValueStack")
 y = 77
 On Error Resume Next
 s.PopLong y: Fails 5, "The value history holds no Long", "ValueStack", "PopLong on an empty history"
