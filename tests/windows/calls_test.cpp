@@ -210,7 +210,7 @@ struct Form {
 VARIANT value_of(VARTYPE vt) { return v_of(vt, 0); }
 Form scalar(std::string name, VARTYPE vt, double x) {
   return {name, [vt, x](Store&, VARIANT& v) {
-            v = v_r8(x);
+            v = v_of(VT_R8, x);
             if (vt != VT_R8) VariantChangeType(&v, &v, 0, vt);
           }};
 }

@@ -81,21 +81,6 @@ void call(Call& c, IDispatch* object, const wchar_t* name, std::vector<VARIANT> 
   invoke(c, object, dispid_of(object, name), DISPATCH_METHOD | DISPATCH_PROPERTYGET, std::move(args));
 }
 
-HRESULT put(IDispatch* object, const wchar_t* name, VARIANT value) {
-  Call c;
-  invoke(c, object, dispid_of(object, name), DISPATCH_PROPERTYPUT, {value});
-  return c.hr;
-}
-
-double get_number(IDispatch* object, const wchar_t* name) {
-  Call c;
-  call(c, object, name);
-  EXPECT_EQ(c.hr, S_OK);
-  Variant d;
-  EXPECT_EQ(VariantChangeType(d.get(), c.result.get(), 0, VT_R8), S_OK);
-  return d->dblVal;
-}
-
 namespace {
 
 // Every block of the OLE task allocator while registered, by address: its

@@ -45,15 +45,12 @@ bool nothing_alive();
 std::size_t class_index(const wchar_t* name);
 
 // A single-threaded apartment for the lifetime of the object.
-class Apartment {
- public:
-  explicit Apartment(bool enter = true) : hr_(enter ? CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED) : E_FAIL) {}
+struct Apartment {
+  const HRESULT hr;
+  explicit Apartment(bool enter = true) : hr(enter ? CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED) : E_FAIL) {}
   ~Apartment() {
-    if (SUCCEEDED(hr_)) CoUninitialize();
+    if (SUCCEEDED(hr)) CoUninitialize();
   }
-
- private:
-  HRESULT hr_;
 };
 
 // Every test of these fixtures runs in its own apartment on the test thread.
@@ -89,7 +86,6 @@ VARIANT v_of(VARTYPE vt, T value) {
   return r;
 }
 inline VARIANT v_i2(SHORT v) { return v_of(VT_I2, v); }
-inline VARIANT v_r8(DOUBLE v) { return v_of(VT_R8, v); }
 inline VARIANT v_bool(bool v) { return v_of(VT_BOOL, VARIANT_BOOL(v ? VARIANT_TRUE : VARIANT_FALSE)); }
 inline VARIANT v_missing() { return v_of(VT_ERROR, SCODE{DISP_E_PARAMNOTFOUND}); }
 inline VARIANT v_dispatch(IDispatch* d) { return v_of(VT_DISPATCH, d); }  // not owned
@@ -119,10 +115,6 @@ DISPID dispid_of(IDispatch* object, const wchar_t* name);
 void invoke(Call& call, IDispatch* object, DISPID id, WORD flags, std::vector<VARIANT> args, bool keep = false);
 // By name: method/get with DISPATCH_METHOD | DISPATCH_PROPERTYGET.
 void call(Call& call, IDispatch* object, const wchar_t* name, std::vector<VARIANT> args = {});
-// Property put by name (named argument DISPID_PROPERTYPUT).
-HRESULT put(IDispatch* object, const wchar_t* name, VARIANT value);
-// A get by name as a number.
-double get_number(IDispatch* object, const wchar_t* name);
 
 // A caller's object with an exact reference count. Asked for its value
 // (DISPID_VALUE, which is what the Automation runtime does to convert an
