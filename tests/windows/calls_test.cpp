@@ -112,7 +112,6 @@ struct ClassDesc {
   std::vector<DISPID> state;  // the parameterless gets
 };
 
-std::string narrow(const wchar_t* w) { return std::string(w, w + wcslen(w)); }
 
 ComPtr<IDispatch> make(const ClassDesc& c) {
   ComPtr<IClassFactory> factory;
@@ -343,7 +342,7 @@ std::string seen(const VARIANT& v, bool readable, int depth, bool raw) {
     return out + s;
   }
   if (VariantChangeType(copy.get(), copy.get(), 0, VT_BSTR) != S_OK) return out + "-";
-  return out + narrow(text_of(copy->bstrVal).c_str());
+  return out + narrow(text_of(copy->bstrVal));
 }
 
 // The object's state: every parameterless get, and the thread's history.

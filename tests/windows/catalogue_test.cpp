@@ -15,8 +15,6 @@ using valmetra::com::Member;
 using valmetra::com::Passing;
 using valmetra::hosting::Instancing;
 
-std::string narrow(const std::wstring& w) { return std::string(w.begin(), w.end()); }
-
 std::wstring doc(ITypeInfo* info, MEMBERID id, bool help = false) {
   Bstr text;
   EXPECT_EQ(info->GetDocumentation(id, help ? nullptr : text.put(), help ? text.put() : nullptr, nullptr, nullptr),

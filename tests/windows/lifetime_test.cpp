@@ -80,7 +80,7 @@ TEST_F(Lifetime, CallsReenterDuringAnArgumentConversion) {
 // instance.
 TEST_F(Lifetime, LastOutsideReleaseInsideACall) {
   auto last_release_inside = [](IDispatch* object, const valmetra::com::Member& m) {
-    SCOPED_TRACE(std::string(m.name, m.name + wcslen(m.name)));
+    SCOPED_TRACE(narrow(m.name));
     ASSERT_TRUE(object);
     Probe probe;
     bool alive_after_release = false;

@@ -17,7 +17,7 @@ void load(Dll& d, const wchar_t* relative) {
   for (auto& c : path)
     if (c == L'/') c = L'\\';
   const HMODULE module = LoadLibraryW(path.c_str());
-  ASSERT_TRUE(module) << "cannot load " << std::string(path.begin(), path.end());
+  ASSERT_TRUE(module) << "cannot load " << narrow(path);
   d.path.assign(buffer, GetModuleFileNameW(module, buffer, MAX_PATH));
   auto entry = [&](const char* name) { return reinterpret_cast<void*>(GetProcAddress(module, name)); };
   d.get_class_object = reinterpret_cast<decltype(d.get_class_object)>(entry("DllGetClassObject"));
@@ -45,7 +45,7 @@ bool nothing_alive() { return library().can_unload_now() == S_OK && value_stack(
 std::size_t class_index(const wchar_t* name) {
   for (std::size_t i = 0; i < kClassCount; ++i)
     if (std::wstring(kClasses[i].name) == name) return i;
-  ADD_FAILURE() << "no class " << std::string(name, name + wcslen(name));
+  ADD_FAILURE() << "no class " << narrow(name);
   return 0;
 }
 
@@ -61,7 +61,7 @@ DISPID dispid_of(IDispatch* object, const wchar_t* name) {
   DISPID id = DISPID_UNKNOWN;
   LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
   EXPECT_EQ(object->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id), S_OK)
-      << std::string(name, name + wcslen(name));
+      << narrow(name);
   return id;
 }
 
@@ -120,11 +120,9 @@ class Spy final : public IMallocSpy {
   }
   std::string since(unsigned long long serial) {
     std::lock_guard lock(mutex_);
-    std::map<unsigned long long, SIZE_T> alive;
-    for (const auto& [pointer, block] : live_)
-      if (block.first > serial) alive.insert(block);
     std::string out;
-    for (const auto& [n, size] : alive) out += " #" + std::to_string(n) + ":" + std::to_string(size);
+    for (const auto& [pointer, block] : live_)
+      if (block.first > serial) out += " #" + std::to_string(block.first) + ":" + std::to_string(block.second);
     return out;
   }
 

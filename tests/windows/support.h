@@ -96,6 +96,7 @@ inline VARIANT v_ref(VARIANT* p) { return v_of(VT_BYREF | VT_VARIANT, p); }
 inline VARIANT v_text(const wchar_t* text) { return v_of(VT_BSTR, SysAllocString(text)); }
 
 std::wstring text_of(BSTR b);
+inline std::string narrow(std::wstring_view w) { return std::string(w.begin(), w.end()); }  // for messages
 
 // A late-bound call as a script host makes it: arguments in natural order
 // (stored last first, as DISPPARAMS wants them).
