@@ -156,7 +156,7 @@ const std::vector<ClassDesc>& classes() {
         Entry e{c.name + "." + narrow(name.get()) + (flags == DISPATCH_PROPERTYPUT ? "=" : ""), fd->memid, flags, {},
                 nullptr};
         for (unsigned k = 0; c.table && k < c.table->count; ++k)
-          if (c.table->members[k].dispid == e.id && int(c.table->members[k].kind) == flags) e.member = &c.table->members[k];
+          if (const Member& m = c.table->members[k]; m.dispid == e.id && int(m.kind) == flags) e.member = &m;
         EXPECT_TRUE(e.member || !c.table) << e.name;
         // (The type information does not tell a by-reference parameter from a written-back one.)
         if (e.member) e.params.assign(e.member->params, e.member->params + e.member->param_count);
@@ -308,7 +308,8 @@ std::vector<Form> forms() {
       {"USERDEFINED", VT_USERDEFINED}, {"LPWSTR", VT_LPWSTR}, {"RECORD", VT_RECORD}, {"INT_PTR", VT_INT_PTR},
       {"FILETIME", VT_FILETIME}, {"CLSID", VT_CLSID}, {"0xFFF", 0xFFF}};
   for (const auto& [n, vt] : invalid)
-    for (const auto& [bits, prefix] : {std::pair{0, ""}, {VT_BYREF, "BYREF "}, {VT_ARRAY, "ARRAY "}, {0x6000, "BYREF ARRAY "}})
+    for (const auto& [bits, prefix] :
+         {std::pair{0, ""}, {VT_BYREF, "BYREF "}, {VT_ARRAY, "ARRAY "}, {VT_BYREF | VT_ARRAY, "BYREF ARRAY "}})
       f.push_back(bogus(prefix + std::string(n), static_cast<VARTYPE>(vt | bits), DISP_E_BADVARTYPE));
   return f;
 }
@@ -330,7 +331,8 @@ std::string seen(const VARIANT& v, bool readable, int depth, bool raw) {
     std::snprintf(bits, sizeof bits, "%p", raw ? v.byref : nullptr);
     return out + bits;
   }
-  if (v.vt == (VT_BYREF | VT_VARIANT) && v.pvarVal && depth < 2) return out + "(" + seen(*v.pvarVal, true, depth + 1) + ")";
+  if (v.vt == (VT_BYREF | VT_VARIANT) && v.pvarVal && depth < 2)
+    return out + "(" + seen(*v.pvarVal, true, depth + 1) + ")";
   Variant copy;
   if ((v.vt & ~VT_BYREF) == VT_ARRAY) return out + "array";
   if (VariantCopyInd(copy.get(), const_cast<VARIANT*>(&v)) != S_OK) return out + "?";
@@ -418,11 +420,17 @@ std::string call_once(const ClassDesc& c, const Entry& e, const Shape& s, Path p
   };
   std::string what = e.name + " with";
   for (std::size_t i = 0; i < count; ++i) {
-    if (s.forms[i]) s.forms[i]->make(stores[i], arg(i)), at = i; else if (i < n) plain(e.params[i], stores[i], arg(i)); else arg(i) = v_i2(2);
+    if (s.forms[i])
+      s.forms[i]->make(stores[i], arg(i)), at = i;
+    else if (i < n)
+      plain(e.params[i], stores[i], arg(i));
+    else
+      arg(i) = v_i2(2);
     what += " " + (s.forms[i] ? s.forms[i]->name : i < n ? "plain" : "one too many");
   }
   if (s.hostile)
-    what += " (id " + std::to_string(s.id) + " flags " + std::to_string(s.flags) + " named " + std::to_string(s.named) + ")";
+    what += " (id " + std::to_string(s.id) + " flags " + std::to_string(s.flags) + " named " +
+            std::to_string(s.named) + ")";
   const std::string before_args = args_seen(true), before_state = state_of(c, o.get());
   DISPPARAMS params{s.no_args ? nullptr : rgvarg.data(), s.no_names ? nullptr : const_cast<DISPID*>(s.names),
                     static_cast<UINT>(count), s.named};
@@ -535,7 +543,8 @@ TEST_F(Calls, TypedCallsWriteBackAndReportFailures) {
     const wchar_t *source, *description;
   } rows[] = {{[&] { return object->IDivide(&zero); }, HRESULT(0x800A000B), L"KARVO_Valmetra", L"Division by zero"},
               {[&] { return object->Add(nullptr); }, E_POINTER, L"KARVO_Valmetra", L"Invalid pointer"},
-              {[&] { return object->Pop(); }, HRESULT(0x800A0005), L"ValueStack", L"The value history holds no Integer"}};
+              {[&] { return object->Pop(); }, HRESULT(0x800A0005), L"ValueStack",
+               L"The value history holds no Integer"}};
   for (const auto& r : rows) {
     EXPECT_EQ(r.call(), r.hr);
     ComPtr<IErrorInfo> info;

@@ -121,7 +121,8 @@ TEST_P(ClassDescription, TypeLibraryAndNamesMatchTheCatalogue) {
   ASSERT_EQ(coclass->GetRefTypeInfo(ref, dispatch.put()), S_OK);
   ASSERT_EQ(dispatch->GetRefTypeOfImplType(-1, &ref), S_OK);  // the vtable side of the dual interface
   ASSERT_EQ(dispatch->GetRefTypeInfo(ref, info.put()), S_OK);
-  const WORD app = TYPEFLAG_FAPPOBJECT | TYPEFLAG_FPREDECLID, dual = TYPEFLAG_FDUAL | TYPEFLAG_FHIDDEN | TYPEFLAG_FNONEXTENSIBLE;
+  const WORD app = TYPEFLAG_FAPPOBJECT | TYPEFLAG_FPREDECLID;
+  const WORD dual = TYPEFLAG_FDUAL | TYPEFLAG_FHIDDEN | TYPEFLAG_FNONEXTENSIBLE;
   EXPECT_EQ(type_line(coclass.get(), app | TYPEFLAG_FCANCREATE),
             line(c.name, TKIND_COCLASS, (c.instancing == Instancing::Global ? app : 0) | TYPEFLAG_FCANCREATE, 1, 0));
   EXPECT_EQ(type_line(dispatch.get(), dual), line(c.interface_name, TKIND_DISPATCH, dual, 1, table.count + 7));

@@ -51,9 +51,7 @@ TEST_F(Lifetime, CallsReenterDuringAnArgumentConversion) {
   ComPtr<_IntegerData> target = create<_IntegerData>(L"IntegerData");
   ASSERT_EQ(target->put_Value(5), S_OK);
   Probe probe;
-  ULONG during = 0;
   probe.on_value = [&] {
-    during = count_of(target.get());
     SHORT one = 1;
     EXPECT_EQ(target->Add(&one), S_OK);
     Call nested;
@@ -66,8 +64,6 @@ TEST_F(Lifetime, CallsReenterDuringAnArgumentConversion) {
   EXPECT_EQ(probe.value_calls, 1);
   SHORT value = 0;
   EXPECT_TRUE(target->get_Value(&value) == S_OK && value == 5 + 1 + 2 + 10) << value;
-  // The call held a reference of its own while it ran, and none is left.
-  EXPECT_EQ(during, 2u);
   EXPECT_EQ(count_of(target.get()), 1u);
   EXPECT_EQ(probe.refs(), 1u);
 }
@@ -134,16 +130,14 @@ TEST_F(Lifetime, FactoryLocksAcrossFactoriesAndThreads) {
   EXPECT_TRUE(nothing_alive());
   for (int i = 0; i < 3; ++i) ASSERT_EQ(lock(L"IntegerData", TRUE), S_OK);
   std::thread([&] {
-    EXPECT_EQ(lock(L"TextConstants", TRUE), S_OK);
-    EXPECT_EQ(lock(L"TextConstants", TRUE), S_OK);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(lock(L"TextConstants", TRUE), S_OK);
   }).join();
   for (int i = 0; i < 5; ++i) {
     EXPECT_FALSE(nothing_alive()) << "after " << i << " unlocks";
     ASSERT_EQ(lock(i % 2 ? L"LongData" : L"InterfaceStack", FALSE), S_OK);
   }
   EXPECT_TRUE(nothing_alive());
-  EXPECT_EQ(lock(L"LongData", FALSE), E_UNEXPECTED);
-  EXPECT_EQ(lock(L"LongData", FALSE), E_UNEXPECTED);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(lock(L"LongData", FALSE), E_UNEXPECTED);
   EXPECT_TRUE(nothing_alive());
   // A lock taken again after the refusals counts as one.
   ASSERT_EQ(lock(L"LongData", TRUE), S_OK);
@@ -154,7 +148,9 @@ TEST_F(Lifetime, FactoryLocksAcrossFactoriesAndThreads) {
 
 // Global instances and the history live until the apartment ends, however
 // many references the host dropped; a nested initialisation ends nothing.
-TEST(Apartments, GlobalInstancesAndHistoryEndWithTheApartment) {
+// Without an apartment: no global instance, and the history service's
+// platform failure reaches the caller as it is, the variable unwritten.
+TEST(Apartments, GlobalInstancesAndHistoryAreTheApartments) {
   on_thread([&] {
     global_of(L"DoubleData");
     EXPECT_FALSE(nothing_alive());
@@ -168,11 +164,6 @@ TEST(Apartments, GlobalInstancesAndHistoryEndWithTheApartment) {
     EXPECT_FALSE(nothing_alive());
   });
   EXPECT_TRUE(nothing_alive());
-}
-
-// Without an apartment: no global instance, and the history service's
-// platform failure reaches the caller as it is, the variable unwritten.
-TEST(Apartments, NoGlobalInstanceAndNoHistoryWithoutOne) {
   on_thread([&] {
     EXPECT_FALSE(global_of(L"IntegerData", CO_E_NOTINITIALIZED));
     VARIANT variable = v_bool(true);
@@ -210,26 +201,20 @@ TEST(Apartments, FourApartmentsHammerTheirOwnObjectsGlobalsAndHistories) {
       if (create<_IntegerData>(L"IntegerData")->Pop() != kHistoryEmpty) fail("a new apartment's history");
       for (long round = 0; std::chrono::steady_clock::now() < deadline; ++round) {
         auto integer = create<_IntegerData>(L"IntegerData");
-        auto real = create<_DoubleData>(L"DoubleData");
-        for (int k = 0; k < 8; ++k) {
-          const int v = t * 1000 + static_cast<int>(round % 100) * 10 + k;
-          if (integer->put_Value(static_cast<SHORT>(v)) || integer->Push() || real->put_Value(v + 0.25) ||
-              real->PushAndSet(-1.0))
-            fail("push");
+        for (int k = 0; k < 16; ++k) {
+          const SHORT v = static_cast<SHORT>(t * 1000 + static_cast<int>(round % 100) * 10 + k);
+          if (integer->put_Value(v) || (k % 2 ? integer->PushAndSet(-1) : integer->Push())) fail("push");
         }
-        for (int k = 7; k >= 0; --k) {
-          const int v = t * 1000 + static_cast<int>(round % 100) * 10 + k;
-          SHORT i2 = 0;
-          DOUBLE r8 = 0;
-          if (real->Pop() || real->get_Value(&r8) || r8 != v + 0.25) fail("Double history");
-          if (integer->Pop() || integer->get_Value(&i2) || i2 != v) fail("Integer history");
+        for (int k = 15; k >= 0; --k) {
+          SHORT v = 0;
+          if (integer->Pop() || integer->get_Value(&v) || v != t * 1000 + (round % 100) * 10 + k) fail("history");
         }
         if (integer->Pop() != kHistoryEmpty) fail("history not empty after the round");
         const SHORT value = static_cast<SHORT>(t * 1000 + round % 1000);
         SHORT seen = 0;
         if (global->put_Value(value) || global_of<_IntegerData>(L"IntegerData")->get_Value(&seen) || seen != value)
           fail("global instance");
-        calls[t - 1] += 45;
+        calls[t - 1] += 67;
       }
     });
   bool dropped_to_zero = false;
