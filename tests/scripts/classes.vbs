@@ -19,8 +19,8 @@ For Each r In Array(Array("IntegerData", 7, vbInteger), Array("LongData", 7, vbL
   On Error Resume Next
   If r(2) Then o.Default = 7
   x = Empty: x = o
-  If r(2) Then Fails 0, "", "", r(0) & " read as itself": Same x, r(1), r(2), r(0) & " read as itself"
-  If r(2) = 0 Then Fails 438, "", "", r(0) & " has no value member"
+  If r(2) Then Fails 0, "", "", r(0) & " read as itself": Same x, r(1), r(2), r(0) & " read as itself" _
+    Else Fails 438, "", "", r(0) & " has no value member"
   On Error GoTo 0
 Next
 Set o = Make("IntegerData"): o.Value = 41
@@ -42,8 +42,8 @@ For Each r In Array(Array("IntegerData", "5", 5, vbInteger), Array("IntegerData"
       a = r(1)
       On Error Resume Next
       If v = "put" Then o.Value = a Else o.Value = 0: o.Add a
-      If r(3) Then Fails 0, "", "", r(0) & " " & v & " " & Show(r(1)): Same o.Value, r(2), r(3), r(0) & " " & v & " " & Show(r(1))
-      If r(3) = 0 Then Fails r(2), "", "", r(0) & " " & v & " " & Show(r(1))
+      x = r(0) & " " & v & " " & Show(r(1))
+      If r(3) Then Fails 0, "", "", x: Same o.Value, r(2), r(3), x Else Fails r(2), "", "", x
       On Error GoTo 0
       Check VarType(a) = VarType(r(1)), r(0) & " " & v & " leaves the argument " & Show(r(1))
     End If

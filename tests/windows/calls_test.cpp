@@ -41,8 +41,6 @@ using valmetra::com::Member;
 using valmetra::com::Param;
 using valmetra::com::Passing;
 
-// ------------------------------------------------------------ floating environment
-
 struct FpState {
   std::uint32_t mxcsr;
   std::uint16_t control, status;  // x87
@@ -92,8 +90,6 @@ LONG CALLBACK on_trap(EXCEPTION_POINTERS* info) {
 #endif
   return EXCEPTION_CONTINUE_EXECUTION;
 }
-
-// ------------------------------------------------------------ the entries
 
 struct Entry {
   std::string name;
@@ -183,8 +179,6 @@ const std::vector<ClassDesc>& classes() {
   return all;
 }
 
-// ------------------------------------------------------------ argument forms
-
 // A caller's storage for one argument: the variable a by-reference form
 // points at, and the Variant a VT_BYREF|VT_VARIANT refers to (which a call
 // may rewrite; cleared here unless it is a malformed one).
@@ -234,12 +228,8 @@ Form refvar(Form f) {
 }
 
 Probe& caller_object() {
-  static Probe* p = [] {
-    auto* probe = new Probe;
-    probe->value = 9;
-    return probe;
-  }();
-  return *p;
+  static Probe probe;
+  return probe;
 }
 
 // Valid values of every type a host passes, by value and by reference, then

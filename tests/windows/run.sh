@@ -65,7 +65,8 @@ EOF
 # registered <arch> <yes|no>: every key registration writes (GUIDs and
 # ProgIDs, as they appear in a key name) is there (yes) or none is (no).
 registered() {
-  local out=$WINEPREFIX/classes.reg keys name missing="" present=""
+  local out=$WINEPREFIX/classes.reg keys name found wrong="" what="registration writes every key"
+  [ "$2" = no ] && what="unregistration removes every key"
   wine reg export 'HKLM\Software\Classes' "$(winpath "$out")" /y >/dev/null 2>&1
   keys=$(iconv -f UTF-16LE -t UTF-8 "$out" 2>/dev/null | grep '^\[' | tr 'A-Z' 'a-z')
   rm -f "$out"
@@ -73,13 +74,10 @@ registered() {
     echo '\ValueStack.ValueStack]'
     awk '$1 == "library" {print $3} $1 == "class" {print "\\KARVO_Valmetra." $2 "]"; print $5; print $6}' \
       "$ROOT/src/hosting/catalogue/classes.txt") | tr 'A-Z' 'a-z'); do
-    if grep -qF -- "$name" <<<"$keys"; then present="$present $name"; else missing="$missing $name"; fi
+    grep -qF -- "$name" <<<"$keys" && found=yes || found=no
+    [ "$found" = "$2" ] || wrong="$wrong $name"
   done
-  if [ "$2" = yes ]; then
-    [ -z "$missing" ] && pass "$1 registration writes every key" || fail "$1 keys missing after registration:$missing"
-  else
-    [ -z "$present" ] && pass "$1 unregistration removes every key" || fail "$1 keys left after unregistration:$present"
-  fi
+  [ -z "$wrong" ] && pass "$1 $what" || fail "$1 $what, but not for:$wrong"
 }
 
 suite() {  # suite <arch> <cscript> <regsvr32>

@@ -27,12 +27,8 @@ void load(Dll& d, const wchar_t* relative) {
   ASSERT_EQ(register_server(), S_OK);
 }
 
-class Environment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    load(g_library, VALMETRA_DLL_FROM_TESTS);
-    load(g_value_stack, VALUESTACK_DLL_FROM_TESTS);
-  }
+struct Environment : ::testing::Environment {
+  void SetUp() override { load(g_library, VALMETRA_DLL_FROM_TESTS), load(g_value_stack, VALUESTACK_DLL_FROM_TESTS); }
 };
 
 }  // namespace

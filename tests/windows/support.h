@@ -119,11 +119,10 @@ void call(Call& call, IDispatch* object, const wchar_t* name, std::vector<VARIAN
 
 // A caller's object with an exact reference count. Asked for its value
 // (DISPID_VALUE, which is what the Automation runtime does to convert an
-// object to a number or text), it runs `on_value` first and answers `value`.
+// object to a number or text), it runs `on_value` first and answers 10.
 class Probe final : public IDispatch {
  public:
   std::function<void()> on_value;
-  SHORT value = 10;
   int value_calls = 0;
   ULONG refs() const { return refs_; }
 
@@ -147,7 +146,7 @@ class Probe final : public IDispatch {
     if (id != DISPID_VALUE) return DISP_E_MEMBERNOTFOUND;
     ++value_calls;
     if (on_value) on_value();
-    if (result) *result = v_i2(value);
+    if (result) *result = v_i2(10);
     return S_OK;
   }
 
