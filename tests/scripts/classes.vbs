@@ -3,10 +3,6 @@
 ' Err, and ByRef parameters written back into the caller's variables.
 Dim r, o, a, v, x, s
 
-Function Make(name)
-  If InStr(name, ".") Then Set Make = CreateObject(name) Else Set Make = CreateObject("KARVO_Valmetra." & name)
-End Function
-
 ' Reading the object itself reaches its value member (Default; on a percent
 ' counter assigning it records one occurrence), of the row's vartype; a class
 ' without one answers 438.

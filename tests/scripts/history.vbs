@@ -3,10 +3,6 @@
 ' ValueStack component by name, its ByRef parameters written into variables.
 Dim r, a, b, g, v, x, y, s, t, i
 
-Function Make(name)
-  Set Make = CreateObject("KARVO_Valmetra." & name)
-End Function
-
 ' Row: class, value, its vartype, the type's name. Each row leaves one entry
 ' behind, so an empty history of the next type proves the types apart.
 For Each r In Array(Array("IntegerData", -7, vbInteger, "Integer"), Array("LongData", 100000, vbLong, "Long"), _

@@ -526,7 +526,6 @@ TEST_F(Calls, TypedCallsWriteBackAndReportFailures) {
   ASSERT_EQ(object->put_Value(5), S_OK);
   ASSERT_EQ(object->Swap(&value), S_OK);
   EXPECT_EQ(value, 5);
-  ASSERT_EQ(object->put_Value(5), S_OK);
   const struct {
     std::function<HRESULT()> call;
     HRESULT hr;
@@ -547,7 +546,7 @@ TEST_F(Calls, TypedCallsWriteBackAndReportFailures) {
     EXPECT_EQ(text_of(source.get()), r.source);
     EXPECT_EQ(text_of(description.get()), r.description);
     ASSERT_EQ(object->get_Value(&value), S_OK);
-    EXPECT_EQ(value, 5);
+    EXPECT_EQ(value, 2);
   }
   ComPtr<_IntegerAverage> average = create<_IntegerAverage>(L"IntegerAverage");
   SHORT item = 1;

@@ -2,7 +2,6 @@
 // in it and against GetIDsOfNames, entry by entry; the library's identity.
 #include "support.h"
 
-#include <set>
 #include <sstream>
 
 #include "valuestack.h"
@@ -142,13 +141,11 @@ TEST_P(ClassDescription, TypeLibraryAndNamesMatchTheCatalogue) {
 
   ComPtr<IDispatch> object = create(c.name);
   ASSERT_TRUE(object);
-  std::set<std::wstring> names;
-  for (unsigned k = 0; k < table.count; ++k) names.insert(table.members[k].name);
-  auto ids_of = [&](std::vector<std::wstring> words, HRESULT hr) {
+  auto ids_of = [&](std::vector<std::wstring> words, HRESULT hr, REFIID iid = IID_NULL) {
     std::vector<LPOLESTR> p;
     for (auto& w : words) p.push_back(w.data());
     std::vector<DISPID> ids(words.size(), 777);
-    EXPECT_EQ(object->GetIDsOfNames(IID_NULL, p.data(), static_cast<UINT>(p.size()), 0, ids.data()), hr)
+    EXPECT_EQ(object->GetIDsOfNames(iid, p.data(), static_cast<UINT>(p.size()), 0, ids.data()), hr)
         << narrow(words[0]);
     return ids;
   };
@@ -159,13 +156,11 @@ TEST_P(ClassDescription, TypeLibraryAndNamesMatchTheCatalogue) {
     EXPECT_EQ(describe(info.get(), *f), describe(m));
     EXPECT_NE(doc(info.get(), f->memid, true), L"") << "help of " << narrow(m.name);
     info->ReleaseFuncDesc(f);
-    std::wstring upper(m.name), lower(m.name), shorter(m.name, wcslen(m.name) - 1);
+    std::wstring upper(m.name), lower(m.name);
     for (auto& ch : upper) ch = static_cast<wchar_t>(towupper(ch));
     for (auto& ch : lower) ch = static_cast<wchar_t>(towlower(ch));
     for (const auto& n : {std::wstring(m.name), upper, lower}) EXPECT_EQ(ids_of({n}, S_OK)[0], m.dispid);
-    if (!names.count(shorter)) {
-      EXPECT_EQ(ids_of({shorter}, DISP_E_UNKNOWNNAME)[0], DISPID_UNKNOWN);
-    }
+    EXPECT_EQ(ids_of({upper + L"_"}, DISP_E_UNKNOWNNAME)[0], DISPID_UNKNOWN);
     // Parameter names, last first, get their positions; an unknown one is
     // refused alone.
     if (m.kind == Kind::Get) continue;
@@ -179,9 +174,7 @@ TEST_P(ClassDescription, TypeLibraryAndNamesMatchTheCatalogue) {
   EXPECT_EQ(ids_of({L"NoSuchMember", c.table->members[0].name}, DISP_E_UNKNOWNNAME),
             (std::vector<DISPID>{DISPID_UNKNOWN, DISPID_UNKNOWN}));
   EXPECT_EQ(ids_of({L""}, DISP_E_UNKNOWNNAME)[0], DISPID_UNKNOWN);
-  LPOLESTR first[] = {const_cast<LPOLESTR>(table.members[0].name)};
-  DISPID id;
-  EXPECT_EQ(object->GetIDsOfNames(IID_IDispatch, first, 1, 0, &id), DISP_E_UNKNOWNINTERFACE);
+  ids_of({table.members[0].name}, DISP_E_UNKNOWNINTERFACE, IID_IDispatch);
 }
 
 INSTANTIATE_TEST_SUITE_P(AllClasses, ClassDescription, ::testing::Range<std::size_t>(0, kClassCount),

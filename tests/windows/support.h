@@ -105,9 +105,7 @@ struct Call {
   Variant result;
   EXCEPINFO exception{};
   UINT arg_error = 0xFFFFFFFF;
-  Call() = default;
-  Call(const Call&) = delete;
-  ~Call();
+  ~Call();  // frees the exception's strings (a Call is not copied: its result cannot be)
 };
 
 DISPID dispid_of(IDispatch* object, const wchar_t* name);

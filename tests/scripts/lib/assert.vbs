@@ -4,6 +4,11 @@
 Option Explicit
 Dim g_checks, g_failures
 
+' A new object of the library's class, or of a whole ProgID.
+Function Make(name)
+  If InStr(name, ".") Then Set Make = CreateObject(name) Else Set Make = CreateObject("KARVO_Valmetra." & name)
+End Function
+
 Sub Check(ok, what)  ' a Null is a failure
   g_checks = g_checks + 1
   If IsNull(ok) Or Not ok Then g_failures = g_failures + 1: WScript.Echo "FAIL: " & what
