@@ -3,10 +3,6 @@
 ' ValueStack component by name, its ByRef parameters written into variables.
 Dim r, a, b, g, v, x, y, s, t, i
 
-Function Make(name)
-  Set Make = CreateObject("KARVO_Valmetra." & name)
-End Function
-
 ' Row: class, value, its vartype, the type's name. Each row leaves one entry
 ' behind, so an empty history of the next type proves the types apart.
 For Each r In Array(Array("IntegerData", -7, vbInteger, "Integer"), Array("LongData", 100000, vbLong, "Long"), _
@@ -60,7 +56,7 @@ On Error GoTo 0
 
 ' ValueStack: per type, a value pushed from a variable comes back into an
 ' Empty variable, which takes the type's vartype.
-Set s = CreateObject("ValueStack.ValueStack"): Set t = CreateObject("ValueStack.ValueStack")
+Set s = CreateObject("ValueStack.ValueStack")
 Same s.Summary, "Boolean 0, Double 0, Integer 0, Long 0, Single 0", vbString, "a new ValueStack is empty"
 v = Array(True, 2.5, -7, 100000, CSng(0.5)): r = Array(vbBoolean, vbDouble, vbInteger, vbLong, vbSingle)
 For i = 0 To 4
@@ -74,6 +70,7 @@ For i = 0 To 4
   End Select
   Same y, x, r(i), "ValueStack Push then Pop of " & Show(x)
 Next
+Set t = CreateObject("ValueStack.ValueStack")
 y = 77
 On Error Resume Next
 s.PopLong y: Fails 5, "The value history holds no Long", "ValueStack", "PopLong on an empty history"

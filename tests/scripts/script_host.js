@@ -4,34 +4,18 @@
 // Row: class, Default (or the text of an average) first, member, arguments
 // (none: a property read), then the result, or Default after a call without
 // one, or [error, description].
-var E6 = [6, "Overflow"], E11 = [11, "Division by zero"], MISMATCH = 0x80020005, OVERFLOW = 0x8002000A;
+var MISMATCH = 0x80020005, OVERFLOW = 0x8002000A;
 var rows = [
   ["IntegerData", 20, "Add", [22], 42],
-  ["IntegerData", 1, "Add", ["7"], 8],
-  ["IntegerData", 1, "Add", [2.5], 3],
-  ["IntegerData", 1, "Add", [true], 0],
-  ["IntegerData", 1, "Add", [undefined], 1],
   ["IntegerData", 1, "Add", [null], [MISMATCH]],
   ["IntegerData", 1, "Add", [40000], [OVERFLOW]],
-  ["IntegerData", 1, "Add", ["five"], [MISMATCH]],
-  ["IntegerData", 3, "add", [1], 4],
-  ["IntegerData", 3, "IsOdd", [], true],
-  ["IntegerData", 3, "IncrementAndGet", [], 4],
-  ["IntegerData", 3, "Value", undefined, 3],
-  ["IntegerData", 5, "Swap", [9], 9],
-  ["IntegerData", 32767, "IncrementYourself", [], E6],
-  ["IntegerData", 7, "IDivide", [0], E11],
+  ["IntegerData", 7, "IDivide", [0], [11, "Division by zero"]],
   ["IntegerData", 3, "NoSuchMember", [1], [0x800A01B6]],
   ["LongData", 0, "Add", [2147483647], 2147483647],
-  ["LongData", 1, "Multiply", [1.5], 2],
-  ["LongData", 2147483647, "Add", [1], E6],
   ["SingleData", 1, "Add", [0.25], 1.25],
   ["SingleData", 1, "Add", [1e39], [OVERFLOW]],
-  ["SingleData", 1, "Divide", [0], E11],
   ["DoubleData", 0, "Add", [1 / 3], 1 / 3],
-  ["DoubleData", 1e308, "Multiply", [10], E6],
   ["BooleanData", 1, "Value", undefined, true],
-  ["BooleanData", false, "Yes", [], true],
   ["IntegerPercent", 0, "PercentDisplay", undefined, "100%"],
   ["SinglePercentData", 0, "AnotherSampleOccured", [], 1],
   ["DoublePercentData", 0, "Occured", [], 2],
@@ -40,7 +24,6 @@ var rows = [
   ["IntegerAverage", "4,x", "DataAverage", undefined, [13]],
   ["TextConstants", undefined, "cstKarvoOnBlackjack", undefined, "Karvo on Blackjack"],
   ["InterfaceStack", undefined, "PushAndSet", [5], undefined],
-  ["InterfaceStack", undefined, "Snag", [], undefined],
   ["ValueStack.ValueStack", undefined, "PeekInteger", [], [5, "The value history holds no Integer"]]
 ];
 function call(o, m, a) {
@@ -56,14 +39,9 @@ for (var i = 0; i < rows.length; i++) {
   same(got === undefined && r[4] !== undefined ? o.Default : got, r[4], what);
 }
 
-var a = new ActiveXObject("KARVO_Valmetra.IntegerData"), b = new ActiveXObject("KARVO_Valmetra.IntegerData");
+var a = new ActiveXObject("KARVO_Valmetra.IntegerData"), v = 9;
 a.Value = 41;
 same(a + 1, 42, "the object as a number reads its value member");
-a.Push();
-b.Pop();
-same(b.Value, 41, "one history: Pop on b receives a's Push");
-var v = 9;
 a.Swap(v);
 same(a.Value + v, 18, "Swap takes the argument; the variable is passed by value");
-throws(function () { b.Pop(); }, 5, "The value history holds no Integer", "Pop on an empty history");
 finish("script_host.js");

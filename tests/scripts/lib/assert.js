@@ -19,6 +19,6 @@ function throws(fn, number, description, what) {
   check(false, what + ": no error, expected 0x" + want.toString(16));
 }
 function finish(name) {
-  var ok = g_failures === 0 && g_checks > 0;
-  WScript.Echo((ok ? "PASS " : "FAIL ") + name + ": " + (ok ? g_checks + " checks" : g_failures + " of " + g_checks + " checks failed"));
+  WScript.Echo(g_failures === 0 && g_checks > 0 ? "PASS " + name + ": " + g_checks + " checks"
+               : "FAIL " + name + ": " + g_failures + " of " + g_checks + " checks failed");
 }

@@ -4,20 +4,19 @@
 Option Explicit
 Dim g_checks, g_failures
 
+' A new object of the library's class, or of a whole ProgID.
+Function Make(name)
+  If InStr(name, ".") Then Set Make = CreateObject(name) Else Set Make = CreateObject("KARVO_Valmetra." & name)
+End Function
+
 Sub Check(ok, what)  ' a Null is a failure
   g_checks = g_checks + 1
   If IsNull(ok) Or Not ok Then g_failures = g_failures + 1: WScript.Echo "FAIL: " & what
 End Sub
 
-Function Show(v)
-  Show = "<object>"
-  If IsArray(v) Then
-    Show = "<array>"
-  ElseIf IsNull(v) Then
-    Show = "<Null>"
-  ElseIf Not IsObject(v) Then
-    Show = CStr(v) & " (vartype " & VarType(v) & ")"
-  End If
+Function Show(v)  ' for messages: the value and its vartype
+  Show = "<" & TypeName(v) & ">"
+  If Not (IsObject(v) Or IsArray(v) Or IsNull(v)) Then Show = CStr(v) & " (vartype " & VarType(v) & ")"
 End Function
 
 ' Equal and, when vt > 0, of that vartype (2 Integer, 3 Long, 4 Single, 5 Double, 8 String, 11 Boolean).
@@ -33,9 +32,6 @@ Sub Fails(number, description, source, what)
 End Sub
 
 Sub Finish(name)
-  If g_failures = 0 And g_checks > 0 Then
-    WScript.Echo "PASS " & name & ": " & g_checks & " checks"
-  Else
-    WScript.Echo "FAIL " & name & ": " & g_failures & " of " & g_checks & " checks failed"
-  End If
+  If g_failures = 0 And g_checks > 0 Then WScript.Echo "PASS " & name & ": " & g_checks & " checks" _
+    Else WScript.Echo "FAIL " & name & ": " & g_failures & " of " & g_checks & " checks failed"
 End Sub
