@@ -1,19 +1,15 @@
-// Sequences of calls on the value classes, the percent counters and
-// TextConstants, each followed by checks of what must hold (no model of the
-// results): no memory error, leak, undefined behaviour or trap; errors only
+// Sequences of calls on the value classes and the percent counters, each
+// checked for what must hold, without a model of the results: errors only
 // from the vocabulary (fuzz::call), an injected history failure passed on
-// unchanged, none from an operation that cannot fail; the host's
-// floating-point environment unchanged; a failed call leaves every field and
-// the history as they were, except that SingleData/DoubleData arithmetic
-// keeps the infinity or NaN it stored and ModuloAddToThisLimit its new
-// UpperLimit; the history service is reached exactly by history calls, Pop
-// gives back the last Push; each operation's promise about its result (the
-// inverse of checked arithmetic, bounds of roundings, flags -1 or 0, ...);
-// the same results in the default environment and in hostile ones.
+// unchanged and none from an operation that cannot fail; the host's
+// environment unchanged; a failed call leaves every field and the history as
+// they were (SingleData/DoubleData arithmetic keeps the infinity or NaN it
+// stored, ModuloAddToThisLimit its new UpperLimit); Pop gives back the last
+// Push; each operation's promise about its result; the same results in the
+// default environment and in hostile ones.
 // Input, per call: class byte (bit 7: which of two objects), operation byte,
-// three arguments and an exponent (a byte each picking a boundary value, or
-// followed by raw bits), a byte arming an injected history failure, an
-// environment byte.
+// three arguments and an exponent (a byte each: a boundary value, or raw bits
+// after it), a byte arming an injected history failure, an environment byte.
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -25,7 +21,6 @@
 #include "fuzz_support.h"
 #include "stats/number_text.h"
 #include "stats/percent.h"
-#include "text/text_constants.h"
 #include "values/boolean_data.h"
 #include "values/double_data.h"
 #include "values/integer_data.h"
@@ -247,7 +242,7 @@ class Run {
     for (int n = 0; n < 400 && !in_.empty(); ++n) {
       const std::uint8_t c = in_.byte();
       const int k = c >> 7;
-      switch (c % 10) {
+      switch ((c & 0x7F) % 9) {
         case 0: step(integers_[k], shadow_[0]); break;
         case 1: step(longs_[k], shadow_[1]); break;
         case 2: step(singles_[k], shadow_[2]); break;
@@ -256,8 +251,7 @@ class Run {
         case 5: step(integer_percent_, shadow_[5]); break;
         case 6: step(long_percent_, shadow_[5]); break;
         case 7: step(single_percent_, shadow_[5]); break;
-        case 8: step(double_percent_, shadow_[5]); break;
-        default: text_constants(); break;
+        default: step(double_percent_, shadow_[5]); break;
       }
     }
     release_thread_history();
@@ -305,20 +299,6 @@ class Run {
     FUZZ_CHECK(op.holds(b, a, x, r, e), what + " on " + std::to_string(double(b.v)) + " [" + std::to_string(double(b.lo)) + ", " +
                                             std::to_string(double(b.up)) + "] gave " + std::to_string(double(a.v)));
     trace.insert(trace.end(), {std::uint64_t(e), r, bits(a.v), bits(a.lo), bits(a.up)});
-  }
-
-  void text_constants() {
-    const std::size_t count = TextConstants::text_count(), i = in_.byte() < 128 ? in_.byte() % (count + 2) : in_.u32();
-    std::size_t size = 0;
-    const int e = call([&] { size = TextConstants::Text(i).size(); });
-    const auto members = TextConstants::members();
-    const TextConstants::Member& m = members[i % members.size()];
-    const auto text = TextConstants::member_text(m.name);
-    FUZZ_CHECK(e == (i < count ? 0 : 5), "TextConstants.Text(" + std::to_string(i) + ")");
-    FUZZ_CHECK(m.slot == int(i % members.size()) + 1 && TextConstants::find_member(m.name) == &m &&
-                   text.has_value() == (m.text != TextConstants::kBuiltText) && (!text || *text == TextConstants::Text(std::size_t(m.text))),
-               "TextConstants member table");
-    trace.insert(trace.end(), {std::uint64_t(e), size});
   }
 
   fuzz::Input in_;
