@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cfloat>
+#include <cmath>
 #include <cfenv>
 #include <cstdint>
 #include <cstdlib>
@@ -20,8 +22,12 @@
 #include "stats/average.h"
 #include "stats/number_text.h"
 #include "stats/percent.h"
+#include "frame/arith.h"
+#include "frame/fp.h"
+#include "values/double_data.h"
 #include "values/integer_data.h"
 #include "values/long_data.h"
+#include "values/single_data.h"
 
 #include "test_support.h"
 
@@ -167,50 +173,44 @@ TYPED_TEST(Averages, LongLists) {
   EXPECT_EQ(b.DataAverage(), 16383.0f / 16384);
 }
 
-// Numbers added, then the statistics and the listing. IntegerAverage rounds a
-// text down for its 16-bit sum (in item order) and to even for the extremes.
+// Numbers added. IntegerAverage rounds a text down for its 16-bit sum (in
+// item order) and to even for the extremes; AddNumericData takes only
+// numbers above 0.
 TEST(AveragesOfNumbers, StatisticsAndListing) {
   using Stats = std::array<std::pair<int, float>, 3>;  // DataAverage, DataHighest, DataLowest
-  auto stats = [](auto& a) {
+  auto stats = [](auto&& a) {
     return Stats{outcome([&] { return a.DataAverage(); }), outcome([&] { return a.DataHighest(); }),
                  outcome([&] { return a.DataLowest(); })};
   };
-  struct IntegerRow { std::u16string_view text; std::vector<Integer> added; Stats stats; std::u16string_view listed; };
-  for (const auto& r : {IntegerRow{u"2.7", {}, {{{0, 2}, {0, 3}, {0, 0}}}, u"2.7"},
-                        IntegerRow{u"-2.7", {}, {{{0, -3}, {0, 0}, {0, -3}}}, u"-2.7"},
-                        IntegerRow{u"2.5", {}, {{{0, 2}, {0, 2}, {0, 0}}}, u"2.5"},
-                        IntegerRow{u"3.5", {}, {{{0, 3}, {0, 4}, {0, 0}}}, u"3.5"},
-                        IntegerRow{u"0.5,-0.5", {}, {{{0, -0.5f}, {0, 0}, {0, 0}}}, u"0.5, -0.5"},
-                        IntegerRow{u"40000", {}, {{{E6, 0}, {E6, 0}, {0, 0}}}, u"40000"},  // never the lowest
-                        IntegerRow{u"", {30000, 30000, -30000}, {{{E6, 0}, {0, 30000}, {0, -30000}}},
-                                   u"30000, 30000, -30000"},
-                        IntegerRow{u"", {-30000, 30000, 30000}, {{{0, 10000}, {0, 30000}, {0, -30000}}},
-                                   u"-30000, 30000, 30000"}}) {
+  auto integers = [](std::u16string_view text, std::initializer_list<Integer> added, bool numeric = false) {
     IntegerAverage a;
-    a.HereIsAStringOfNumbers(r.text);
-    for (Integer v : r.added) a.AddAPieceOfData(v);
-    EXPECT_EQ(stats(a), r.stats) << narrow(r.listed);
-    EXPECT_EQ(a.GiveMeYourNumbers().str(), r.listed);
-  }
-  struct SingleRow { std::vector<float> added; Stats stats; std::u16string_view listed; };
-  for (const auto& r : {SingleRow{{1.5f, 2.5f}, {{{0, 2}, {0, 2}, {0, 0}}}, u"1.5, 2.5"},  // 2.5 to even
-                        SingleRow{{40000}, {{{0, 40000}, {E6, 0}, {0, 0}}}, u"40000"},
-                        SingleRow{{3e38f, 3e38f}, {{{E6, 0}, {E6, 0}, {0, 0}}}, u"3E+38, 3E+38"},  // the sum overflows
-                        SingleRow{{1.5f, 1e20f, 1.5e-7f, -0.1f, 1.0f / 3, 16777216.0f}, {{{0, 1e20f / 6}, {E6, 0}, {0, 0}}},
-                                  u"1.5, 1E+20, 1.5E-07, -0.1, 0.3333333, 1.677722E+07"}}) {
+    a.HereIsAStringOfNumbers(text);
+    for (Integer v : added) numeric ? a.AddNumericData(v) : a.AddAPieceOfData(v);
+    return a;
+  };
+  auto singles = [](std::initializer_list<float> added, bool numeric = false) {
     SingleAverage a;
-    for (float v : r.added) a.AddAPieceOfData(v);
-    EXPECT_EQ(stats(a), r.stats) << narrow(r.listed);
-    EXPECT_EQ(a.GiveMeYourNumbers().str(), r.listed);
-  }
-  // AddNumericData takes only numbers above 0.
-  IntegerAverage i;
-  for (Integer v : {0, -3, 4, -1, 2, 1}) i.AddNumericData(v);
-  EXPECT_EQ(i.GiveMeYourNumbers().str(), u"4, 2, 1");
-  EXPECT_EQ(i.DataAverage(), 7.0f / 3);
-  SingleAverage s, t;
-  for (float v : {0.0f, -3.0f, 0.5f, -0.0f, kNaN, kTiny, 1.0f}) s.AddNumericData(v);
-  EXPECT_EQ(s.GiveMeYourNumbers().str(), u"0.5, 1E-45, 1");
+    for (float v : added) numeric ? a.AddNumericData(v) : a.AddAPieceOfData(v);
+    return a;
+  };
+  EXPECT_EQ(stats(integers(u"2.7", {})), (Stats{{{0, 2}, {0, 3}, {0, 0}}}));
+  EXPECT_EQ(stats(integers(u"-2.7", {})), (Stats{{{0, -3}, {0, 0}, {0, -3}}}));
+  EXPECT_EQ(stats(integers(u"2.5", {})), (Stats{{{0, 2}, {0, 2}, {0, 0}}}));
+  EXPECT_EQ(stats(integers(u"3.5", {})), (Stats{{{0, 3}, {0, 4}, {0, 0}}}));
+  EXPECT_EQ(stats(integers(u"0.5,-0.5", {})), (Stats{{{0, -0.5f}, {0, 0}, {0, 0}}}));
+  EXPECT_EQ(stats(integers(u"40000", {})), (Stats{{{E6, 0}, {E6, 0}, {0, 0}}}));  // never the lowest
+  EXPECT_EQ(stats(integers(u"", {30000, 30000, -30000})), (Stats{{{E6, 0}, {0, 30000}, {0, -30000}}}));
+  EXPECT_EQ(stats(integers(u"", {-30000, 30000, 30000})), (Stats{{{0, 10000}, {0, 30000}, {0, -30000}}}));
+  EXPECT_EQ(stats(singles({1.5f, 2.5f})), (Stats{{{0, 2}, {0, 2}, {0, 0}}}));  // 2.5 to even
+  EXPECT_EQ(stats(singles({40000})), (Stats{{{0, 40000}, {E6, 0}, {0, 0}}}));
+  EXPECT_EQ(stats(singles({3e38f, 3e38f})), (Stats{{{E6, 0}, {E6, 0}, {0, 0}}}));  // the sum overflows
+  EXPECT_EQ(integers(u"", {30000, 30000, -30000}).GiveMeYourNumbers().str(), u"30000, 30000, -30000");
+  EXPECT_EQ(integers(u"", {0, -3, 4, -1, 2, 1}, true).GiveMeYourNumbers().str(), u"4, 2, 1");
+  EXPECT_EQ(integers(u"", {0, -3, 4, -1, 2, 1}, true).DataAverage(), 7.0f / 3);
+  EXPECT_EQ(singles({0.0f, -3.0f, 0.5f, -0.0f, kNaN, kTiny, 1.0f}, true).GiveMeYourNumbers().str(), u"0.5, 1E-45, 1");
+  EXPECT_EQ(singles({1.5f, 1e20f, 1.5e-7f, -0.1f, 1.0f / 3, 16777216.0f}).GiveMeYourNumbers().str(),
+            u"1.5, 1E+20, 1.5E-07, -0.1, 0.3333333, 1.677722E+07");
+  SingleAverage t;
   t.HereIsAStringOfNumbers(u"1e39");
   EXPECT_EQ(error_of([&] { t.DataAverage(); }), E6);
 }
@@ -316,34 +316,109 @@ TEST(NumberText, PercentDisplay) {
 }
 
 #if defined(__x86_64__) && defined(__GLIBC__)
-// Found by fuzzing: floating comparisons and classifications run in the
-// host's environment. A NaN or denormal argument then set a sticky flag of
-// the host, and a host with denormals-are-zero changed a result.
+// Hosts with environments of their own: traps unmasked, another rounding
+// mode, flush-to-zero and denormals-are-zero, exception flags pending.
+void arm_trapping_host() {
+  std::feclearexcept(FE_ALL_EXCEPT);
+  std::feraiseexcept(FE_INEXACT);
+  std::fesetround(FE_TOWARDZERO);
+  feenableexcept(FE_INVALID | FE_DIVBYZERO | FE_OVERFLOW | FE_UNDERFLOW);
+}
+void set_mxcsr_bits(std::uint32_t bits) {
+  std::uint32_t mxcsr;
+  asm volatile("stmxcsr %0" : "=m"(mxcsr));
+  mxcsr |= bits;
+  asm volatile("ldmxcsr %0" : : "m"(mxcsr));
+}
+struct Host { const char* what; void (*arm)(); };
+constexpr Host kHosts[] = {
+    {"traps unmasked, toward zero, inexact pending", arm_trapping_host},
+    {"upward, flush-to-zero and denormals-are-zero, inexact and underflow pending",
+     [] { std::fesetround(FE_UPWARD); std::feraiseexcept(FE_INEXACT | FE_UNDERFLOW); set_mxcsr_bits(0x8040); }},
+    {"denormals-are-zero", [] { set_mxcsr_bits(0x0040); }}};
+
+TEST(FloatingTrapsDeathTest, UnguardedDivisionTrapsInTheTrappingHost) {
+  // The table below is meaningful: the same step outside a scope traps there.
+  EXPECT_EXIT(test::as_host(arm_trapping_host, [] {
+                volatile double zero = 0.0;
+                volatile double r = 1.0 / zero;
+                (void)r;
+              }), ::testing::ExitedWithCode(test::kTrapExit), "");
+}
+
+// What a call gives, as text made without floating operations (converting a
+// signalling NaN would trap): a result's bits, or the library error.
+template <class T>
+std::string text_of(T v) {
+  if constexpr (std::is_floating_point_v<T>) return std::to_string(std::bit_cast<std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>>(v));
+  else if constexpr (std::is_integral_v<T>) return std::to_string(v);
+  else return narrow(v);
+}
+std::string outcome_text(auto f) {
+  std::string text;
+  const int e = error_of([&] { text = text_of(f()); });
+  return text + "/" + std::to_string(e);
+}
+template <class D>
+std::string value_outcome(std::uint64_t start, void (*op)(D&)) {  // start: the Value's bits
+  D d;
+  using T = decltype(d.Value());
+  d.Value(std::bit_cast<T>(static_cast<std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>>(start)));
+  const int e = error_of([&] { op(d); });
+  return text_of(d.Value()) + "/" + std::to_string(e);
+}
+#define CALL(expr) #expr, [=] { return outcome_text([&] { return expr; }); }
+#define S(start, call) "Single " #start " " #call, [] { return value_outcome<SingleData>(start, [](SingleData& d) { d.call; }); }
+#define D(start, call) "Double " #start " " #call, [] { return value_outcome<DoubleData>(start, [](DoubleData& d) { d.call; }); }
+
+// Every step that could raise a condition, and the faults fuzzing found
+// (floating comparisons and classifications made in the host's environment:
+// a NaN or denormal argument set a sticky flag of the host or trapped, a
+// host with denormals-are-zero changed a result). As each host calls it: no
+// trap, the result of the default environment, the host's environment back
+// bit for bit.
 TEST(FuzzRegressions, HostEnvironmentUntouched) {
-  auto power = [](auto d) { d.Value(2); d.RaiseYourself(-1070); return std::string(); };  // a denormal power
-  auto listing = [](float v) { SingleAverage a; a.AddNumericData(v); return narrow(a.GiveMeYourNumbers().str()); };
-  struct Row { const char* what; std::function<std::string()> call; const char* result; };
+  static constexpr std::uint32_t s1 = 0x3F800000, s0 = 0, s7_5 = 0x40F00000, s10 = 0x41200000, stiny = 1, smax = 0x7F7FFFFF,
+                          snan = 0x7FC00000, ssnan = 0x7FA00000, s2p30 = 0x4E800000;
+  static constexpr std::uint64_t d1 = 0x3FF0000000000000, d0 = 0, d7_5 = 0x401E000000000000, d10 = 0x4024000000000000,
+                          dtiny = 1, dmax = 0x7FEFFFFFFFFFFFFF, dnan = 0x7FF8000000000000, dsnan = 0x7FF4000000000000,
+                          d2p30 = 0x41D0000000000000;
+  auto listing = [](float v) { SingleAverage a; a.AddNumericData(v); return a.GiveMeYourNumbers().str(); };
+  auto extreme = [](float v, bool high) { SingleAverage a; a.AddAPieceOfData(v); return high ? a.DataHighest() : a.DataLowest(); };
+  auto whole_parts = [](std::u16string_view text) { IntegerAverage a; a.HereIsAStringOfNumbers(text); return a.DataAverage(); };
+  auto power_of_two = [](auto d) { d.Value(2); d.RaiseYourself(-1070); return d.Value(); };  // a denormal power
+  struct Row { const char* what; std::function<std::string()> call; };
   const Row rows[] = {
-      {"single text of a denormal", [] { return narrow(single_to_text(kTiny)); }, "1E-45"},
-      {"percent display of a denormal", [] { return narrow(percent_display_text(kTiny)); }, "%"},
-      {"AddNumericData(NaN)", [&] { return listing(kNaN); }, ""},
-      {"AddNumericData(denormal)", [&] { return listing(kTiny); }, "1E-45"},
-      {"DataHighest over NaN", [] { SingleAverage a; a.AddAPieceOfData(kNaN); return std::to_string(a.DataHighest()); }, "0.000000"},
-      {"DataLowest over -denormal", [] { SingleAverage a; a.AddAPieceOfData(-kTiny); return std::to_string(a.DataLowest()); }, "0.000000"},
-      {"IntegerData 2 ^ -1070", [&] { return power(IntegerData()); }, ""},
-      {"LongData 2 ^ -1070", [&] { return power(LongData()); }, ""},
+      {S(s1, Divide(3))}, {S(s1, Divide(0))}, {S(s0, Divide(0))}, {S(smax, DoubleYourself())}, {S(stiny, Multiply(0.5))},
+      {S(ssnan, Add(1))}, {S(snan, HalveYourself())}, {S(ssnan, DecrementToZero())}, {S(s7_5, IDivide(0.25))},
+      {S(s1, IDivide(NAN))}, {S(s0, RaiseYourself(-1))}, {S(s2p30, IDivide(3))}, {S(s10, RaiseYourself(39))},
+      {S(ssnan, Push(); d.Zero(); d.Pop())}, {S(smax, SetTheLimits(0, INFINITY); d.ModuloAdd(FLT_MAX))},
+      {S(s0, GreaterOfTheTwo(std::bit_cast<float>(ssnan), 1))},
+      {D(d1, Divide(3))}, {D(d1, Divide(0))}, {D(d0, Divide(0))}, {D(dmax, DoubleYourself())}, {D(dtiny, Multiply(0.5))},
+      {D(dsnan, Add(1))}, {D(dnan, HalveYourself())}, {D(dsnan, DecrementToZero())}, {D(d7_5, IDivide(0.25))},
+      {D(d1, IDivide(NAN))}, {D(d0, RaiseYourself(-1))}, {D(d2p30, IDivide(3))}, {D(d10, RaiseYourself(22))},
+      {D(dsnan, Push(); d.Zero(); d.Pop())},
+      {CALL(fp::checked([] { return fp::opaque(1.0) / fp::opaque(0.0); }))},
+      {CALL(fp::checked([] { return fp::opaque(0.0) / fp::opaque(0.0); }))}, {CALL(to_single(1e300))},
+      {CALL([] { fp::Scope s; return to_integer(NAN); }())}, {CALL(power(0.0, -1.0))}, {CALL(power(10.0, 400.0))},
+      {CALL(power(2.0, 0.5))}, {CALL(to_single(1.0 + 0x1p-30))}, {CALL(to_single(1.0 + 0x1p-52))},
+      {CALL(to_single(0x1p-149))}, {CALL(to_single(0x1p-127))},
+      {CALL(single_to_text(kTiny))}, {CALL(percent_display_text(kTiny))}, {CALL(listing(kNaN))}, {CALL(listing(kTiny))},
+      {CALL(extreme(kNaN, true))}, {CALL(extreme(-kTiny, false))}, {CALL(power_of_two(IntegerData()))},
+      {CALL(power_of_two(LongData()))}, {CALL(whole_parts(u"2.7, 1e-310, -0.5"))},
   };
-  for (std::uint32_t mxcsr : {0x1F80u, 0x1FC0u}) {  // default, and with denormals-are-zero
-    for (const auto& r : rows) {
+  for (const auto& r : rows) {
+    const std::string calm = r.call();
+    for (const auto& host : kHosts) {
       std::string result;
-      test::FpEnv after;
-      test::as_host([mxcsr] { asm volatile("ldmxcsr %0" : : "m"(mxcsr)); }, [&] {
+      test::FpEnv before, after;
+      test::as_host(host.arm, [&] {
+        before = test::observe_env();
         result = r.call();
         after = test::observe_env();
       });
-      EXPECT_EQ(after.mxcsr, mxcsr) << r.what;
-      EXPECT_EQ(after.x87_flags, 0) << r.what;
-      EXPECT_EQ(result, r.result) << r.what << " mxcsr " << mxcsr;
+      EXPECT_EQ(result, calm) << r.what << ", " << host.what;
+      EXPECT_EQ(after, before) << r.what << ", " << host.what;
     }
   }
 }
