@@ -121,7 +121,7 @@ std::vector<Op<Obj, T>> make_ops() {
         ROW("PushAndSet", kPush, [](auto& o, const auto& x) -> std::uint64_t {
           Flag v = x.a;  // set only by a call that succeeds
           try { o.PushAndSet(v, x.b); } catch (...) { FUZZ_CHECK(v == x.a, "PushAndSet: the variable"); throw; }
-          return FUZZ_CHECK(v == x.b, "PushAndSet: the variable"), bits(x.a);
+          return (FUZZ_CHECK(v == x.b, "PushAndSet: the variable"), bits(x.a));
         }, a.v == b.v)});
   } else {
     ops.insert(ops.end(), {
