@@ -133,42 +133,6 @@ template <class T>
 constexpr T kSignallingNaN = std::is_same_v<T, float> ? std::bit_cast<float>(0x7FA00000u)
                                                       : T(std::bit_cast<double>(0x7FF4000000000000ull));
 
-// One history per type and thread, shared by the thread's objects: values
-// come back bit for bit, and an empty history raises the service's error.
-template <class D>
-class Histories : public WithFreshHistory {};
-using NumericClasses = ::testing::Types<IntegerData, LongData, SingleData, DoubleData>;
-TYPED_TEST_SUITE(Histories, NumericClasses);
-TYPED_TEST(Histories, OnePerTypeAndThread) {
-  using T = ValueOf<TypeParam>;
-  T first{1}, second{2};
-  if constexpr (std::is_floating_point_v<T>) first = kSignallingNaN<T>, second = T(-0.0);
-  TypeParam a, b;
-  a.Value(first);
-  a.Push();
-  a.Value(second);
-  a.PushAndSet(4);  // records second, then the service sets Value
-  EXPECT_EQ(a.Value(), 4);
-  a.Push();
-  b.Drop();  // discards a's 4; Value stays
-  b.Pop();
-  EXPECT_EQ(bits(b.Value()), bits(second));
-  b.Pop();
-  EXPECT_EQ(bits(b.Value()), bits(first));
-  std::conditional_t<std::is_same_v<TypeParam, IntegerData>, LongData, IntegerData>().Push();  // a history of its own
-  EXPECT_TRUE(test::history_empty_error([&] { b.Pop(); }, std::is_same_v<T, Integer> ? u"Integer" : std::is_same_v<T, Long> ? u"Long"
-                                                        : std::is_same_v<T, Single> ? u"Single" : u"Double"));
-  EXPECT_EQ(error_of([&] { b.Drop(); }), E5);
-  EXPECT_EQ(bits(b.Value()), bits(first));
-  a.Push();
-  std::thread([&] {
-    EXPECT_EQ(error_of([&] { TypeParam().Pop(); }), E5);
-    release_thread_history();
-  }).join();
-  b.Pop();
-  EXPECT_EQ(b.Value(), 4);
-}
-
 TEST(IntegerDataOnly, Operations) {
   using C = IntegerData;
   auto to_this_limit = [](Integer lower, Integer amount) {
@@ -228,6 +192,11 @@ TEST_F(WithFreshHistory, BooleanData) {
   Integer i = -1;
   history().PushInteger(i);  // not the flag history
   EXPECT_TRUE(test::history_empty_error([&] { b.Pop(); }, u"Boolean"));
+  b.Push(-1);
+  std::thread([] {  // another thread has a history of its own
+    EXPECT_TRUE(test::history_empty_error([] { BooleanData().Pop(); }, u"Boolean"));
+    release_thread_history();
+  }).join();
 }
 
 template <class D>
