@@ -194,7 +194,7 @@ TEST_F(WithFreshHistory, BooleanData) {
   EXPECT_TRUE(test::history_empty_error([&] { b.Pop(); }, u"Boolean"));
   b.Push(-1);
   std::thread([] {  // another thread has a history of its own
-    EXPECT_TRUE(test::history_empty_error([] { BooleanData().Pop(); }, u"Boolean"));
+    EXPECT_EQ(error_of([] { BooleanData().Pop(); }), E5);
     release_thread_history();
   }).join();
 }
