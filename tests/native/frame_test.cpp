@@ -99,7 +99,8 @@ TEST(Conversions, ToSingleRoundsToNearestAndOverflows) {
   struct Row { double in; std::uint32_t bits; int error; };
   for (auto r : {Row{double(FLT_MAX), 0x7f7fffff, 0}, Row{0x1p-126, 0x00800000, 0}, Row{2.0, 0x40000000, 0},
                  Row{double(FLT_MAX) * (1 + 0x1p-25), 0x7f7fffff, 0}, Row{0x1p128, 0, 6}, Row{1e300, 0, 6},
-                 Row{-kInf, 0, 6}, Row{0x1p-149, 0x00000001, 0}, Row{0x1p-150, 0, 0}, Row{-0.0, 0x80000000, 0},
+                 Row{0x1p1000, 0, 6}, Row{-kInf, 0, 6}, Row{0x1p-149, 0x00000001, 0}, Row{0x1p-150, 0, 0},
+                 Row{-0.0, 0x80000000, 0},
                  Row{1.0 + 0x1p-24, 0x3f800000, 0}, Row{1.0 + 0x1p-24 + 0x1p-40, 0x3f800001, 0}}) {
     float got = 0;
     EXPECT_EQ(error_of([&] { got = to_single(r.in); }), r.error) << r.in;
