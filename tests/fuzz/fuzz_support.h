@@ -1,6 +1,6 @@
-// What the fuzz targets share: failing loudly, reading the input, and calling
-// the library inside a host floating-point environment decoded from the input.
-// FUZZ_CHECK prints the broken property and aborts; libFuzzer keeps the input.
+// What the fuzz targets share: FUZZ_CHECK (prints the broken property and
+// aborts; libFuzzer keeps the input), reading the input, and calling the
+// library inside a host floating-point environment decoded from the input.
 #pragma once
 
 #include <cfenv>
@@ -36,10 +36,9 @@ struct Input {
     for (int k = 0; k < n; ++k) v |= std::uint32_t{byte()} << 8 * k;
     return v;
   }
-  // Text mostly of number characters: bytes below 0xF0 pick from the
-  // alphabet, 0xF0-0xFD take the next two bytes as any UTF-16 unit, 0xFE
-  // repeats the last character (next byte + 1) * 64 times (for the 16-bit
-  // positions of number strings), 0xFF ends the text.
+  // Text mostly of number characters: bytes below 0xF0 pick from the alphabet,
+  // 0xF0-0xFD take the next two bytes as a UTF-16 unit, 0xFE repeats the last
+  // character (next byte + 1) * 64 times, 0xFF ends the text.
   std::u16string text(std::size_t max) {
     static constexpr char16_t kAlphabet[] = u"0123456789012345,,,,    ..--++eE\t 5,0.1e9";
     std::u16string s;
@@ -88,9 +87,8 @@ inline Env hostile_env(std::uint32_t r) {
 }
 
 // Runs f() as a host with `env` installed: 0, or the number of the error f()
-// raised, which must be the library's own, the history's "empty" error or
-// the injected one, unchanged. The environment must come back bit for bit,
-// also after an error; the harness's default one is back on return.
+// raised (the library's own, the history's "empty" one or the injected one,
+// unchanged). The environment must come back bit for bit, also after an error.
 template <class F>
 int call(const Env& env, F&& f) {
   ++g_calls;

@@ -12,7 +12,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 build="$root/build/fuzz"
 seconds=${1:-60}
 [ "$seconds" = --smoke ] && seconds=4
-if [[ ! "$seconds" =~ ^[1-9][0-9]*$ ]]; then echo "usage: $0 [seconds-per-target | --smoke]" >&2; exit 2; fi
+[[ "$seconds" =~ ^[1-9][0-9]*$ ]] || { echo "usage: $0 [seconds-per-target | --smoke]" >&2; exit 2; }
 cxx=${VALMETRA_FUZZ_CXX:-$(command -v clang++ || command -v clang++-14 || true)}
 [ -n "$cxx" ] || { echo "fuzz: clang++ not found (apt-get install clang libclang-rt-14-dev)" >&2; exit 2; }
 
@@ -26,8 +26,8 @@ fi
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}" UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
 
 stats="$build/stats.txt"
-printf "# %s, %s s per target%s, %s\n%-12s %12s %8s %12s %7s  %s\n" "$(date -u +%FT%TZ)" "$seconds" "${1:+ ($1)}" \
-  "$("$cxx" --version | head -1)" target executions exec/s calls corpus result >"$stats"
+printf "# %s, %s s per target%s\n%-12s %12s %8s %12s %7s  %s\n" "$(date -u +%FT%TZ)" "$seconds" "${1:+ ($1)}" \
+  target executions exec/s calls corpus result >"$stats"
 failed=()
 for t in text operations; do
   work="$build/corpus/$t" log="$build/logs/$t.log"
@@ -38,11 +38,9 @@ for t in text operations; do
   "$build/tests/fuzz/fuzz_$t" -max_total_time="$seconds" -timeout=30 -rss_limit_mb=2560 -max_len=4096 \
     -print_final_stats=1 -artifact_prefix="$build/artifacts/$t-" "$work" "$root/tests/fuzz/corpus/$t" >"$log" 2>&1 || rc=$?
   value() { awk -v k="$1" '$0 ~ k {v = $2} END {print v ? v : "?"}' "$log"; }
-  result=ok
-  [ $rc -eq 0 ] || { result="FAILED (exit $rc, see $log)"; failed+=("$t"); }
+  [ $rc -eq 0 ] && result=ok || { result="FAILED (exit $rc, see $log)"; failed+=("$t"); grep -vE "^#[0-9]+\s+(NEW|REDUCE|pulse|INITED)" "$log" | tail -40 >&2; }
   printf "%-12s %12s %8s %12s %7s  %s\n" "$t" "$(value number_of_executed_units)" "$(value average_exec_per_sec)" \
     "$(value 'calls into the library')" "$(find "$work" -type f | wc -l)" "$result" >>"$stats"
-  [ $rc -eq 0 ] || grep -vE "^#[0-9]+\s+(NEW|REDUCE|pulse|INITED)" "$log" | tail -40 >&2
 done
 cat "$stats"
 [ ${#failed[@]} -eq 0 ] || { echo "fuzz: failed: ${failed[*]} (inputs in $build/artifacts/)" >&2; exit 1; }

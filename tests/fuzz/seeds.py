@@ -82,8 +82,8 @@ def text_seeds():
 
 
 def operations_seeds():
-    """Every operation of every class (the class byte's low digit), each after a put of Value,
-    with a few argument and exponent choices and trapping environments."""
+    """Every operation of every class, each after a put of Value, with a few argument and exponent
+    choices and trapping environments."""
     seeds = []
     # (value put, arguments, exponent) selector bytes: 2 ^ -1070 (a denormal power, found
     # raising the denormal condition in the host's environment), the maxima, 0 and -0, NaN.
@@ -96,7 +96,6 @@ def operations_seeds():
                 calls += bytes([cls, 2, v, 0, 0, 0, NO_FAULT, env])  # Value put (Default put, Occured * n)
                 calls += bytes([cls | (op & 1) << 7, op, *args, n, NO_FAULT if k else op % 24, env])
             seeds.append(bytes(calls))
-    seeds.append(bytes(b for i in range(40) for b in (9, i % 2 * 128 + i, 200 + i, TRAPS[i % 2])))
     # Counting to the limit of an IntegerPercent: 9 * 4095 occurrences.
     seeds.append(bytes([5, 2, 0, 0, 0, 16, NO_FAULT, 27] * 9 + [5, 6, 0, 0, 0, 0, NO_FAULT, 49]))
     return seeds

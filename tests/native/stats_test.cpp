@@ -2,23 +2,31 @@
 // its fast path included, the standard Single text and the percent display).
 // Last, the faults the fuzz targets found, as a regression table.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
+#include <algorithm>
+#include <array>
 #include <bit>
-#include <cfenv>
+#include <cfloat>
 #include <cmath>
+#include <cfenv>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <limits>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "stats/average.h"
 #include "stats/number_text.h"
 #include "stats/percent.h"
+#include "frame/arith.h"
+#include "frame/fp.h"
 #include "values/integer_data.h"
 #include "values/long_data.h"
+#include "values/single_data.h"
 
 #include "test_support.h"
 
@@ -30,10 +38,16 @@ using test::in_mode;
 constexpr int E6 = 6, E13 = 13;
 constexpr int kModes[] = {FE_TONEAREST, FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO};
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN(), kInf = std::numeric_limits<float>::infinity(),
-                kTiny = std::numeric_limits<float>::denorm_min();
+                kTiny = std::numeric_limits<float>::denorm_min(), kSNaN = std::bit_cast<float>(0x7FA00000u);
 std::string narrow(std::u16string_view s) { return std::string(s.begin(), s.end()); }
 std::u16string widen(std::string_view s) { return std::u16string(s.begin(), s.end()); }
 std::uint64_t bits(double d) { return std::bit_cast<std::uint64_t>(d); }
+// f()'s result as a float and the error it raised (0 and the error when it raised one).
+std::pair<int, float> outcome(auto&& f) {
+  float v = 0;
+  const int e = error_of([&] { v = static_cast<float>(f()); });
+  return {e, e ? 0.0f : v};
+}
 
 template <class C>
 class Percent : public ::testing::Test {};
@@ -96,135 +110,104 @@ using AverageTypes = ::testing::Types<SingleAverage, IntegerAverage>;
 TYPED_TEST_SUITE(Averages, AverageTypes);
 
 // Cutting, seen through the listing (items joined with ", "): replacing the
-// list, and appending to an item 9.
+// list, and appending to an item 9. Positions are 16-bit: a comma at 32,767
+// keeps its piece, then Overflow; one at 32,768 appends nothing; a last piece
+// over 32,767 characters is refused.
 TYPED_TEST(Averages, CuttingNumberStrings) {
-  struct Row { std::u16string_view in, listed; };
-  for (auto r : {Row{u"4, 5,6", u"4, 5, 6"}, Row{u"4, 5, 6", u"4, 5,  6"}, Row{u"4,,6", u"4, , 6"}, Row{u",4", u",4"},
-                 Row{u"7,", u"7"}, Row{u"", u""}, Row{u"   ", u"   "}, Row{u",,", u","}, Row{u",4,5", u",4, 5"},
-                 Row{u" 4 ,  5 , 6 ", u"4, 5,  6 "}, Row{u"\t4\t,5", u"\t4\t, 5"}, Row{u"1,2,", u"1, 2"}}) {
+  auto n = [](std::size_t count, char16_t c) { return std::u16string(count, c); };
+  struct Row { std::u16string in, listed; int error = 0; };
+  for (const auto& r : {Row{u"4, 5,6", u"4, 5, 6"}, Row{u"4, 5, 6", u"4, 5,  6"}, Row{u"4,,6", u"4, , 6"},
+                        Row{u",4", u",4"}, Row{u"7,", u"7"}, Row{u"", u""}, Row{u"   ", u"   "}, Row{u",,", u","},
+                        Row{u",4,5", u",4, 5"}, Row{u" 4 ,  5 , 6 ", u"4, 5,  6 "}, Row{u"\t4\t,5", u"\t4\t, 5"},
+                        Row{u"1,2,", u"1, 2"}, Row{n(32766, u'1') + u",2", n(32766, u'1'), E6},
+                        Row{n(32767, u'1') + u",2", u"", E6}, Row{n(32765, u'1') + u",2", n(32765, u'1') + u", 2"},
+                        Row{u"5," + n(32767, u'1'), u"5, " + n(32767, u'1')}, Row{u"5," + n(32768, u'1'), u"5", E6},
+                        Row{n(32767, u'7'), n(32767, u'7')}, Row{n(32768, u'7'), u"", E6}}) {
     TypeParam a, b;
     a.AddAPieceOfData(9);
     b.AddAPieceOfData(9);
-    a.HereIsAStringOfNumbers(r.in);
-    b.IncludeThisStringOfNumbers(r.in);
-    EXPECT_EQ(a.GiveMeYourNumbers().str(), r.listed) << narrow(r.in);
-    EXPECT_EQ(b.GiveMeYourNumbers().str(), u"9" + std::u16string(r.in.empty() ? u"" : u", ") + std::u16string(r.listed));
+    EXPECT_EQ(error_of([&] { a.HereIsAStringOfNumbers(r.in); }), r.error) << r.in.size();
+    EXPECT_EQ(error_of([&] { b.IncludeThisStringOfNumbers(r.in); }), r.error) << r.in.size();
+    EXPECT_EQ(a.GiveMeYourNumbers().str(), r.listed) << narrow(r.in.substr(0, 20));
+    EXPECT_EQ(b.GiveMeYourNumbers().str(), u"9" + std::u16string(r.in.empty() || r.listed.empty() ? u"" : u", ") + r.listed);
   }
 }
 
-// Positions are 16-bit: a comma at 32,767 keeps its piece, then Overflow; one
-// at 32,768 appends nothing; a last piece over 32,767 characters is refused.
-TYPED_TEST(Averages, PositionLimitsOfTheCut) {
-  auto n = [](std::size_t count, char16_t c) { return std::u16string(count, c); };
-  struct Row { std::u16string in; int error; std::u16string listed; };
-  for (const auto& r : {Row{n(32766, u'1') + u",2", E6, n(32766, u'1')}, Row{n(32767, u'1') + u",2", E6, u""},
-                        Row{n(32765, u'1') + u",2", 0, n(32765, u'1') + u", 2"},
-                        Row{u"5," + n(32767, u'1'), 0, u"5, " + n(32767, u'1')},
-                        Row{u"5," + n(32768, u'1'), E6, u"5"},
-                        Row{n(32767, u'7'), 0, n(32767, u'7')}, Row{n(32768, u'7'), E6, u""}}) {
-    TypeParam a;
-    a.AddAPieceOfData(3);
-    EXPECT_EQ(error_of([&] { a.HereIsAStringOfNumbers(r.in); }), r.error) << r.in.size();
-    EXPECT_EQ(a.GiveMeYourNumbers().str(), r.listed) << r.in.size();
+// The statistics as text: DataAverage, DataHighest, DataLowest (Ennn for an
+// error). Average is DataAverage.
+std::string stats(auto&& a) {
+  EXPECT_EQ(outcome([&] { return a.Average(); }), outcome([&] { return a.DataAverage(); }));
+  std::string out;
+  for (auto [e, v] : {outcome([&] { return a.DataAverage(); }), outcome([&] { return a.DataHighest(); }),
+                      outcome([&] { return a.DataLowest(); })}) {
+    char buf[32];
+    e ? std::snprintf(buf, sizeof buf, " E%d", e) : std::snprintf(buf, sizeof buf, " %.9g", double{v});
+    out += buf;
   }
+  return out.substr(1);
 }
 
 // Text both classes read alike; an error row raises it from every statistic.
 TYPED_TEST(Averages, StatisticsOverText) {
-  struct Row { std::u16string_view text; float average; int highest, lowest, error; };
-  for (auto r : {Row{u"", 0, 0, 0, 0}, Row{u"4, 5,6", 5, 6, 0, 0}, Row{u"4, 5,6,-3,1e1", 22.0f / 5, 10, -3, 0},
-                 Row{u"-2, -7", -4.5f, 0, -7, 0}, Row{u" 1e2 ", 100, 100, 0, 0}, Row{u"4,,6", 0, 0, 0, E13},
-                 Row{u"4,x", 0, 0, 0, E13}, Row{u"&H10", 0, 0, 0, E13},
-                 Row{u"4,  ", 0, 0, 0, E13}, Row{u"1e400", 0, 0, 0, E6}}) {
+  struct Row { std::u16string_view text; const char* stats; };
+  for (auto r : {Row{u"", "0 0 0"}, Row{u"4, 5,6", "5 6 0"}, Row{u"4, 5,6,-3,1e1", "4.4000001 10 -3"},
+                 Row{u"-2, -7", "-4.5 0 -7"}, Row{u" 1e2 ", "100 100 0"}, Row{u"4,,6", "E13 E13 E13"},
+                 Row{u"4,x", "E13 E13 E13"}, Row{u"&H10", "E13 E13 E13"}, Row{u"4,  ", "E13 E13 E13"},
+                 Row{u"1e400", "E6 E6 E6"}, Row{u"1e39", "E6 E6 0"}}) {
     TypeParam a;
     a.HereIsAStringOfNumbers(r.text);
-    float average = -1, also = -1;
-    int highest = -1, lowest = -1;
-    EXPECT_EQ(error_of([&] { average = a.DataAverage(); }), r.error) << narrow(r.text);
-    EXPECT_EQ(error_of([&] { also = a.Average(); }), r.error) << narrow(r.text);
-    EXPECT_EQ(error_of([&] { highest = a.DataHighest(); }), r.error) << narrow(r.text);
-    EXPECT_EQ(error_of([&] { lowest = a.DataLowest(); }), r.error) << narrow(r.text);
-    if (r.error == 0) {
-      EXPECT_EQ(average, r.average) << narrow(r.text);
-      EXPECT_EQ(also, r.average) << narrow(r.text);
-      EXPECT_EQ(highest, r.highest) << narrow(r.text);
-      EXPECT_EQ(lowest, r.lowest) << narrow(r.text);
-    }
+    EXPECT_EQ(stats(a), r.stats) << narrow(r.text);
   }
   TypeParam a;
   a.AddAPieceOfData(5);
   for (auto v : {a.DataMedian(), a.DataMean(), a.DataMode(), a.WeightedMean(), a.WeightedMode()}) EXPECT_EQ(v, 0);
 }
 
-// The longest cut (32,766 items from one text), the longest listing (32,767
-// items) and the listing's counter overflowing at the 32,768th.
-TYPED_TEST(Averages, LongLists) {
-  TypeParam a;
-  a.HereIsAStringOfNumbers(u"a" + std::u16string(32765, u',') + u"b");
-  std::u16string expected = u"a";
-  for (int i = 0; i < 32765; ++i) expected += u", ";
-  a.AddAPieceOfData(7);
-  EXPECT_EQ(a.GiveMeYourNumbers().str(), expected + u"b, 7");
-  a.AddAPieceOfData(8);
-  EXPECT_EQ(error_of([&] { a.GiveMeYourNumbers(); }), E6);
-  std::u16string halves = u"0";
-  for (int i = 0; i < 16383; ++i) halves += u",1";  // last comma at 32,766
-  TypeParam b;
-  b.HereIsAStringOfNumbers(halves);
-  b.IncludeThisStringOfNumbers(halves);
-  EXPECT_EQ(b.DataAverage(), 16383.0f / 16384);
+// IntegerAverage rounds a text down for its 16-bit sum (in item order) and to
+// even for the extremes; AddNumericData takes only numbers above 0.
+template <class A, class T>
+void check_numbers(std::u16string_view text, std::initializer_list<T> added, bool numeric, const char* want,
+                   std::u16string_view listed) {
+  A a;
+  a.HereIsAStringOfNumbers(text);
+  for (T v : added) numeric ? a.AddNumericData(v) : a.AddAPieceOfData(v);
+  EXPECT_EQ(stats(a), want) << narrow(listed);
+  EXPECT_EQ(a.GiveMeYourNumbers().str(), listed);
+}
+TEST(AveragesOfNumbers, StatisticsAndListing) {
+  using I = Integer;
+  check_numbers<IntegerAverage, I>(u"2.7", {}, false, "2 3 0", u"2.7");
+  check_numbers<IntegerAverage, I>(u"-2.7", {}, false, "-3 0 -3", u"-2.7");
+  check_numbers<IntegerAverage, I>(u"2.5", {}, false, "2 2 0", u"2.5");
+  check_numbers<IntegerAverage, I>(u"3.5", {}, false, "3 4 0", u"3.5");
+  check_numbers<IntegerAverage, I>(u"0.5,-0.5", {}, false, "-0.5 0 0", u"0.5, -0.5");
+  check_numbers<IntegerAverage, I>(u"40000", {}, false, "E6 E6 0", u"40000");  // never the lowest
+  check_numbers<IntegerAverage, I>(u"", {30000, 30000, -30000}, false, "E6 30000 -30000", u"30000, 30000, -30000");
+  check_numbers<IntegerAverage, I>(u"", {-30000, 30000, 30000}, false, "10000 30000 -30000", u"-30000, 30000, 30000");
+  check_numbers<IntegerAverage, I>(u"", {0, -3, 4, -1, 2, 1}, true, "2.33333325 4 0", u"4, 2, 1");
+  check_numbers<SingleAverage, float>(u"", {1.5f, 2.5f}, false, "2 2 0", u"1.5, 2.5");  // 2.5 to even
+  check_numbers<SingleAverage, float>(u"", {40000}, false, "40000 E6 0", u"40000");
+  check_numbers<SingleAverage, float>(u"", {3e38f, 3e38f}, false, "E6 E6 0", u"3E+38, 3E+38");  // the sum overflows
+  check_numbers<SingleAverage, float>(u"", {0.0f, -3.0f, 0.5f, -0.0f, kNaN, kTiny, 1.0f}, true, "0.5 1 0",
+                                      u"0.5, 1E-45, 1");
+  check_numbers<SingleAverage, float>(u"", {1.5f, 1e20f, 1.5e-7f, -0.1f, 1.0f / 3, 16777216.0f}, false,
+                                      "1.66666666e+19 E6 0", u"1.5, 1E+20, 1.5E-07, -0.1, 0.3333333, 1.677722E+07");
 }
 
-TEST(IntegerAverage, NumbersTextAndTheSixteenBitSum) {
-  // text: rounded down for the sum, to even for the extremes
-  struct Row { std::u16string_view text; float average; Integer highest, lowest; };
-  for (auto r : {Row{u"2.7", 2, 3, 0}, Row{u"-2.7", -3, 0, -3}, Row{u"2.5", 2, 2, 0}, Row{u"3.5", 3, 4, 0},
-                 Row{u"0.5,-0.5", -0.5f, 0, 0}}) {
-    IntegerAverage a;
-    a.HereIsAStringOfNumbers(r.text);
-    EXPECT_EQ(a.DataAverage(), r.average) << narrow(r.text);
-    EXPECT_EQ(a.DataHighest(), r.highest) << narrow(r.text);
-    EXPECT_EQ(a.DataLowest(), r.lowest) << narrow(r.text);
-  }
-  IntegerAverage a, b, c, d;
-  for (Integer v : {0, -3, 4, -1, 2, 1}) a.AddNumericData(v);  // only above 0
-  EXPECT_EQ(a.GiveMeYourNumbers().str(), u"4, 2, 1");
-  EXPECT_EQ(a.DataAverage(), 7.0f / 3);
-  for (Integer v : {30000, 30000, -30000}) b.AddAPieceOfData(v);
-  EXPECT_EQ(error_of([&] { b.DataAverage(); }), E6);  // the sum overflows in item order
-  EXPECT_EQ(b.DataHighest(), 30000);
-  EXPECT_EQ(b.GiveMeYourNumbers().str(), u"30000, 30000, -30000");
-  for (Integer v : {-30000, 30000, 30000}) c.AddAPieceOfData(v);
-  EXPECT_EQ(c.DataAverage(), 10000);
-  EXPECT_EQ(c.DataLowest(), -30000);
-  d.HereIsAStringOfNumbers(u"40000");
-  EXPECT_EQ(error_of([&] { d.DataAverage(); }), E6);
-  EXPECT_EQ(error_of([&] { d.DataHighest(); }), E6);
-  EXPECT_EQ(d.DataLowest(), 0);  // never the extreme, never converted
-}
-
-TEST(SingleAverage, NumbersAndTheirListing) {
-  SingleAverage a, b, c, d;
-  for (float v : {0.0f, -3.0f, 0.5f, -0.0f, kNaN, kTiny, 1.0f}) a.AddNumericData(v);  // only above 0
-  EXPECT_EQ(a.GiveMeYourNumbers().str(), u"0.5, 1E-45, 1");
-  for (float v : {1.5f, 2.5f}) b.AddAPieceOfData(v);
-  EXPECT_EQ(b.DataAverage(), 2);
-  EXPECT_EQ(b.DataHighest(), 2);  // 2.5 to even
-  c.AddAPieceOfData(40000);
-  EXPECT_EQ(error_of([&] { c.DataHighest(); }), E6);
-  EXPECT_EQ(c.DataAverage(), 40000);
-  c.AddAPieceOfData(3e38f);
-  c.AddAPieceOfData(3e38f);
-  EXPECT_EQ(error_of([&] { c.DataAverage(); }), E6);  // the Single sum overflows
-  d.HereIsAStringOfNumbers(u"1e39");
-  EXPECT_EQ(error_of([&] { d.DataAverage(); }), E6);
-  SingleAverage e;
-  for (float v : {1.5f, 1e20f, 1.5e-7f, -0.1f, 1.0f / 3, 16777216.0f}) e.AddAPieceOfData(v);
-  EXPECT_EQ(e.GiveMeYourNumbers().str(), u"1.5, 1E+20, 1.5E-07, -0.1, 0.3333333, 1.677722E+07");
+// A copy of text that ends where an unreadable page begins: a read past its
+// end crashes.
+std::u16string_view at_page_end(std::u16string_view text) {
+  constexpr std::size_t kRoom = 8 << 12;
+  static char16_t* const end = [] {
+    auto* p = static_cast<char*>(mmap(nullptr, kRoom + 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(p + kRoom, 4096, PROT_NONE);
+    return reinterpret_cast<char16_t*>(p + kRoom);
+  }();
+  return {std::copy_backward(text.begin(), text.end(), end), text.size()};
 }
 
 // Reading number text, in every host rounding mode: the Double nearest the
-// text (compared as bits), or the error.
+// text (compared as bits), or the error; nothing after the text is read.
 TEST(NumberText, Reading) {
   struct Row { std::u16string_view text; double value; int error = 0; };
   // Beyond the Double range, huge or tiny is told by the magnitude, leading zeros and exponent alike.
@@ -254,7 +237,7 @@ TEST(NumberText, Reading) {
   for (int mode : kModes) {
     for (const auto& r : rows) {
       double got = 0;
-      const int error = in_mode(mode, [&] { return error_of([&] { got = text_to_number(r.text); }); });
+      const int error = in_mode(mode, [&] { return error_of([&] { got = text_to_number(at_page_end(r.text)); }); });
       EXPECT_EQ(error, r.error) << narrow(r.text) << " mode " << mode;
       EXPECT_EQ(bits(got), bits(r.error ? 0.0 : r.value)) << narrow(r.text) << " mode " << mode;
     }
@@ -272,7 +255,7 @@ TEST(NumberText, ReadingAgreesWithStrtod) {
     if (point == digits) s += '.';
     if (pick(2)) s += (pick(2) ? "E" : "e") + std::string(pick(2) ? "+" : "") + std::to_string(pick(61) - 30);
     if (s.find("+-") != std::string::npos) continue;
-    if (bits(text_to_number(widen(s))) != bits(std::strtod(s.c_str(), nullptr))) {
+    if (bits(text_to_number(at_page_end(widen(s)))) != bits(std::strtod(s.c_str(), nullptr))) {
       ++mismatches;
       ADD_FAILURE() << s;
     }
@@ -312,34 +295,98 @@ TEST(NumberText, PercentDisplay) {
 }
 
 #if defined(__x86_64__) && defined(__GLIBC__)
-// Found by fuzzing: floating comparisons and classifications run in the
-// host's environment. A NaN or denormal argument then set a sticky flag of
-// the host, and a host with denormals-are-zero changed a result.
+// Hosts with environments of their own: traps unmasked, another rounding
+// mode, flush-to-zero and denormals-are-zero, exception flags pending.
+void arm_trapping_host() {
+  std::feclearexcept(FE_ALL_EXCEPT);
+  std::feraiseexcept(FE_INEXACT);
+  std::fesetround(FE_TOWARDZERO);
+  feenableexcept(FE_INVALID | FE_DIVBYZERO | FE_OVERFLOW | FE_UNDERFLOW);
+}
+void set_mxcsr_bits(std::uint32_t bits) {
+  std::uint32_t mxcsr;
+  asm volatile("stmxcsr %0" : "=m"(mxcsr));
+  mxcsr |= bits;
+  asm volatile("ldmxcsr %0" : : "m"(mxcsr));
+}
+struct Host { const char* what; void (*arm)(); };
+constexpr Host kHosts[] = {
+    {"traps unmasked, toward zero, inexact pending", arm_trapping_host}, {"traps unmasked", test::unmask_traps},
+    {"upward, flush-to-zero and denormals-are-zero, inexact and underflow pending",
+     [] { std::fesetround(FE_UPWARD); std::feraiseexcept(FE_INEXACT | FE_UNDERFLOW); set_mxcsr_bits(0x8040); }},
+    {"denormals-are-zero", [] { set_mxcsr_bits(0x0040); }}};
+
+TEST(FloatingTrapsDeathTest, UnguardedDivisionTrapsInTheTrappingHost) {
+  // The table below is meaningful: the same step outside a scope traps there.
+  EXPECT_EXIT(test::as_host(arm_trapping_host, [] {
+                volatile double zero = 0.0;
+                volatile double r = 1.0 / zero;
+                (void)r;
+              }), ::testing::ExitedWithCode(test::kTrapExit), "");
+}
+
+// What a call gives, as text made without floating operations (converting a
+// signalling NaN would trap): a result's bits, or the library error.
+template <class T>
+std::string text_of(T v) {
+  if constexpr (std::is_floating_point_v<T>) return std::to_string(std::bit_cast<std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>>(v));
+  else if constexpr (std::is_integral_v<T>) return std::to_string(v);
+  else return narrow(v);
+}
+std::string outcome_text(auto f) {
+  std::string text;
+  const int e = error_of([&] { text = text_of(f()); });
+  return text + "/" + std::to_string(e);
+}
+template <class D, class T>
+std::string value_outcome(T start, void (*op)(D&)) {
+  D d;
+  d.Value(start);
+  const int e = error_of([&] { op(d); });
+  return text_of(d.Value()) + "/" + std::to_string(e);
+}
+#define CALL(expr) #expr, [=] { return outcome_text([&] { return expr; }); }
+#define S(start, call) "Single " #start " " #call, [] { return value_outcome<SingleData, float>(start, [](SingleData& d) { d.call; }); }
+
+// Every step that could raise a condition, and the faults fuzzing found
+// (floating comparisons and classifications made in the host's environment:
+// a NaN or denormal argument set a sticky flag of the host or trapped, a
+// host with denormals-are-zero changed a result). As each host calls it: no
+// trap, the result of the default environment, the host's environment back
+// bit for bit.
 TEST(FuzzRegressions, HostEnvironmentUntouched) {
-  auto power = [](auto d) { d.Value(2); d.RaiseYourself(-1070); };  // a denormal power
-  auto listing = [](float v) { SingleAverage a; a.AddNumericData(v); return narrow(a.GiveMeYourNumbers().str()); };
-  struct Row { const char* what; std::function<std::string()> call; const char* result; };
+  auto listing = [](float v) { SingleAverage a; a.AddNumericData(v); return a.GiveMeYourNumbers().str(); };
+  auto extreme = [](float v, bool high) { SingleAverage a; a.AddAPieceOfData(v); return high ? a.DataHighest() : a.DataLowest(); };
+  auto whole_parts = [](std::u16string_view text) { IntegerAverage a; a.HereIsAStringOfNumbers(text); return a.DataAverage(); };
+  auto power_of_two = [](auto d) { d.Value(2); d.RaiseYourself(-1070); return d.Value(); };  // a denormal power
+  struct Row { const char* what; std::function<std::string()> call; };
   const Row rows[] = {
-      {"single text of a denormal", [] { return narrow(single_to_text(kTiny)); }, "1E-45"},
-      {"percent display of a denormal", [] { return narrow(percent_display_text(kTiny)); }, "%"},
-      {"AddNumericData(NaN)", [&] { return listing(kNaN); }, ""},
-      {"AddNumericData(denormal)", [&] { return listing(kTiny); }, "1E-45"},
-      {"DataHighest over NaN", [] { SingleAverage a; a.AddAPieceOfData(kNaN); return std::to_string(a.DataHighest()); }, "0.000000"},
-      {"DataLowest over -denormal", [] { SingleAverage a; a.AddAPieceOfData(-kTiny); return std::to_string(a.DataLowest()); }, "0.000000"},
-      {"IntegerData 2 ^ -1070", [&] { power(IntegerData()); return std::string(); }, ""},
-      {"LongData 2 ^ -1070", [&] { power(LongData()); return std::string(); }, ""},
+      {S(1, Divide(3))}, {S(1, Divide(0))}, {S(0, Divide(0))}, {S(FLT_MAX, DoubleYourself())}, {S(kTiny, Multiply(0.5))},
+      {S(kSNaN, Add(1))}, {S(kNaN, HalveYourself())}, {S(kSNaN, DecrementToZero())}, {S(7.5, IDivide(0.25))},
+      {S(1, IDivide(kNaN))}, {S(0, RaiseYourself(-1))}, {S(0x1p30, IDivide(3))}, {S(10, RaiseYourself(39))},
+      {S(kSNaN, Push(); d.Zero(); d.Pop())}, {S(FLT_MAX, SetTheLimits(0, kInf); d.ModuloAdd(FLT_MAX))},
+      {S(0, GreaterOfTheTwo(kSNaN, 1))},
+      {CALL(fp::checked([] { return fp::opaque(1.0) / fp::opaque(0.0); }))},
+      {CALL(fp::checked([] { return fp::opaque(0.0) / fp::opaque(0.0); }))}, {CALL(to_single(1e300))},
+      {CALL([] { fp::Scope s; return to_integer(NAN); }())}, {CALL(power(0.0, -1.0))}, {CALL(power(10.0, 400.0))},
+      {CALL(power(2.0, 0.5))}, {CALL(to_single(1.0 + 0x1p-30))}, {CALL(to_single(1.0 + 0x1p-52))},
+      {CALL(to_single(0x1p-149))}, {CALL(to_single(0x1p-127))},
+      {CALL(single_to_text(kTiny))}, {CALL(percent_display_text(kTiny))}, {CALL(listing(kNaN))}, {CALL(listing(kTiny))},
+      {CALL(extreme(kNaN, true))}, {CALL(extreme(-kTiny, false))}, {CALL(power_of_two(IntegerData()))},
+      {CALL(power_of_two(LongData()))}, {CALL(whole_parts(u"2.7, 1e-310, -0.5"))},
   };
-  for (std::uint32_t mxcsr : {0x1F80u, 0x1FC0u}) {  // default, and with denormals-are-zero
-    for (const auto& r : rows) {
+  for (const auto& r : rows) {
+    const std::string calm = r.call();
+    for (const auto& host : kHosts) {
       std::string result;
-      test::FpEnv after;
-      test::as_host([mxcsr] { asm volatile("ldmxcsr %0" : : "m"(mxcsr)); }, [&] {
+      test::FpEnv before, after;
+      test::as_host(host.arm, [&] {
+        before = test::observe_env();
         result = r.call();
         after = test::observe_env();
       });
-      EXPECT_EQ(after.mxcsr, mxcsr) << r.what;
-      EXPECT_EQ(after.x87_flags, 0) << r.what;
-      EXPECT_EQ(result, r.result) << r.what << " mxcsr " << mxcsr;
+      EXPECT_EQ(result, calm) << r.what << ", " << host.what;
+      EXPECT_EQ(after, before) << r.what << ", " << host.what;
     }
   }
 }

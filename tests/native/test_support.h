@@ -54,8 +54,7 @@ inline FpEnv observe_env() {
 // Runs body as a host whose environment arm() set up. A SIGFPE ends the
 // program with kTrapExit; the test's own environment is back afterwards.
 inline constexpr int kTrapExit = 99;
-template <class Arm, class Body>
-void as_host(Arm arm, Body body) {
+void as_host(auto arm, auto body) {
   std::fenv_t saved;
   std::fegetenv(&saved);
   auto previous = std::signal(SIGFPE, [](int) { std::_Exit(kTrapExit); });
