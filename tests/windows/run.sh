@@ -5,8 +5,9 @@
 #    version record;
 #  - under Wine, in a private prefix per arch (build/wine-x64, build/wine-x86):
 #    the GoogleTest program passes and every tests/scripts/*.vbs and *.js
-#    passes under that arch's cscript, with both DLLs registered by regsvr32
-#    (tests/deploy checks the keys registration writes and removes).
+#    passes under that arch's cscript, with both DLLs registered by regsvr32;
+#    unregistration then leaves no key of theirs (tests/deploy checks the
+#    whole record registration writes and removes).
 # x86 runs through the 32-bit Wine that tools/wine32/provide.sh makes
 # available; when it cannot, that is a failure unless VALMETRA_SKIP_X86=1.
 # Wine's cscript exits 0 when a script dies of an uncaught error, so a script
@@ -62,6 +63,21 @@ EOF
   [ -z "$missing" ] && pass "$1 Valmetra-445.Dll: version record" || fail "$1 Valmetra-445.Dll version record lacks$missing"
 }
 
+# unregistered <arch>: no key under HKLM\Software\Classes names a GUID or ProgID of either DLL any more
+# (tests/deploy compares the whole record that registration writes and removes).
+unregistered() {
+  local out=$WINEPREFIX/classes.reg keys left
+  wine reg export 'HKLM\Software\Classes' "$(winpath "$out")" /y >/dev/null 2>&1
+  keys=$(iconv -f UTF-16LE -t UTF-8 "$out" 2>/dev/null | grep '^\['); rm -f "$out"
+  left=$(grep -oiFf <(printf '%s\n' '\KARVO_Valmetra.' '\ValueStack.ValueStack'
+    awk '$1 ~ /^(typelib|class|interface)$/ {print $2}' "$ROOT/components/valuestack/identity.txt"
+    awk '$1 == "library" {print $3} $1 == "class" {print $5; print $6}' "$ROOT/src/hosting/catalogue/classes.txt") \
+    <<<"$keys" | sort -u | xargs)
+  if [ -z "$keys" ]; then fail "$1: reg export gave no keys"
+  elif [ -n "$left" ]; then fail "$1 unregistration leaves keys naming: $left"
+  else pass "$1 unregistration removes every key"; fi
+}
+
 suite() {  # suite <arch> <cscript> <regsvr32>
   local arch=$1 cscript=$2 regsvr32=$3 exe=${BUILD_PREFIX}$1/tests/windows/valmetra_win_tests.exe out rc script joined
   export WINEPREFIX=$ROOT/build/wine-$arch
@@ -92,6 +108,7 @@ suite() {  # suite <arch> <cscript> <regsvr32>
     else fail "$arch script $(basename "$script") (exit $rc)"; sed 's/^/        /' <<<"${out:-(no output: died before Finish)}" | head -n 40; fi
   done
   register /u
+  [ -z "$HOSTILE" ] && unregistered "$arch"
   wineserver -w
   unset WINEPREFIX
 }
