@@ -9,7 +9,6 @@ namespace {
 
 Dll g_library, g_value_stack;
 
-// Loads the DLL at `relative` to this program's folder and registers it.
 void load(Dll& d, const wchar_t* relative) {
   wchar_t buffer[MAX_PATH];
   std::wstring path(buffer, GetModuleFileNameW(nullptr, buffer, MAX_PATH));
@@ -146,7 +145,6 @@ Spy& spy() {
   return *instance;
 }
 
-// After every test, nothing of either DLL may be left alive.
 class AliveChecker final : public ::testing::EmptyTestEventListener {
   void OnTestEnd(const ::testing::TestInfo&) override {
     if (library().can_unload_now && value_stack().can_unload_now) {  // else the environment failed
