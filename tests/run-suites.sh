@@ -1,8 +1,6 @@
 #!/bin/bash
-# Runs the suites that follow the builds side by side (most of their time is
-# Wine starting processes, not computing), each into its own log under
-# build/logs/, then prints every log whole, in order, and a line per suite.
-# Exit 1 when any suite fails. Used by `make test`; the suites run alone too.
+# Runs the suites that follow the builds side by side (most of their time is Wine starting processes), each
+# into build/logs/, then prints every log whole, in order, and a line per suite. Exit 1 when any suite fails.
 set -uo pipefail
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 LOGS=$ROOT/build/logs

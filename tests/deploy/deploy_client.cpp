@@ -2,7 +2,6 @@
 // deployment is in place, and calls each by name.
 //   deploy_client com <list>               the platform's activation (registry, or a manifest beside the .exe)
 //   deploy_client none <list>              as "com", where no class and no type library may resolve
-//   deploy_client actctx <manifest> <list> as "none"; then CreateActCtx/ActivateActCtx and as "com"
 //   deploy_client follow <list>            HKCU's record read by hand, to DllGetClassObject and the type library
 //   deploy_client save <dir>               HKLM\Software, HKCU\Software\Classes by RegSaveKey as <dir>\HKLM.reg, HKCU.reg
 // <list> is `reg.py classes`. Prints failures and "N passed, N failed"; exits 1 on a failure.
@@ -49,20 +48,17 @@ HRESULT by_com(const Class& c, ComPtr<IUnknown>& obj) {
   return hr;
 }
 
-std::wstring value(const std::wstring& key, const wchar_t* name = nullptr) {
+std::wstring value(const std::wstring& key) {
   wchar_t buf[1024];
   DWORD size = sizeof(buf);
-  return RegGetValueW(HKEY_CURRENT_USER, (L"Software\\Classes\\" + key).c_str(), name, RRF_RT_REG_SZ, nullptr, buf,
+  return RegGetValueW(HKEY_CURRENT_USER, (L"Software\\Classes\\" + key).c_str(), nullptr, RRF_RT_REG_SZ, nullptr, buf,
                       &size) ? L"" : buf;
 }
 
 // The same from HKCU's record alone, as a host that reads it would.
 HRESULT by_hand(const Class& c, ComPtr<IUnknown>& obj) {
-  const std::wstring clsid = widen(c.clsid), server = L"CLSID\\" + clsid + L"\\InprocServer32";
-  check(value(widen(c.progid) + L"\\CLSID") == clsid && value(widen(c.progid) + L"\\CurVer") == widen(c.cur) &&
-            value(widen(c.cur) + L"\\CLSID") == clsid && value(server, L"ThreadingModel") == L"Apartment",
-        c.name + ": ProgID, CurVer and versioned ProgID name " + c.clsid + ", ThreadingModel Apartment");
-  HMODULE dll = LoadLibraryExW(value(server).c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+  const std::wstring server = value(L"CLSID\\" + widen(c.clsid) + L"\\InprocServer32");
+  HMODULE dll = LoadLibraryExW(server.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
   auto get = reinterpret_cast<decltype(&DllGetClassObject)>(
       dll ? reinterpret_cast<void*>(GetProcAddress(dll, "DllGetClassObject")) : nullptr);
   ComPtr<IClassFactory> factory;
@@ -138,19 +134,10 @@ int main(int argc, char** argv) {
       classes.push_back(c);
     if (tag == "typelib" && in >> t.file >> t.libid >> t.major >> t.minor) libs.push_back(t);
   }
-  if (mode != "com" && mode != "none" && mode != "actctx" && mode != "follow") return 2;
+  if (mode != "com" && mode != "none" && mode != "follow") return 2;
   if (classes.empty() || FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 2;
-  want = mode == "com" || mode == "follow";
+  want = mode != "none";
   activate_all(mode == "follow");
-  if (mode == "actctx") {
-    ACTCTXA ctx{};
-    ctx.cbSize = sizeof(ctx), ctx.lpSource = argv[2];
-    HANDLE h = CreateActCtxA(&ctx);
-    ULONG_PTR cookie = 0;
-    want = true;
-    check(h != INVALID_HANDLE_VALUE && ActivateActCtx(h, &cookie), "CreateActCtx/ActivateActCtx", GetLastError());
-    activate_all(false);
-  }
   std::printf("%d passed, %d failed\n", passed, failed);
   return failed ? 1 : 0;
 }

@@ -2,17 +2,14 @@
 """Deployment checks that need the catalogue (tools/deploymodel.py, genmsi.py).
 
     reg.py classes                   the class list deploy_client reads
-    reg.py vbs                       a VBScript host's check of every class, ends "PASS"
     reg.py diff ARCH A B [HIVE DIR]  registry snapshots A and B (deploy_client save): HIVE gained
                                      exactly the record for DLLs in DIR, the other hive nothing;
                                      without HIVE, nothing appeared, vanished or changed
-    reg.py static ARCH STAGE         manifest and package against the catalogue and the DLLs
+    reg.py static ARCH STAGE         the registration-free manifest against the catalogue (the package: diff)
 diff and static print what differs and exit 1 when anything does."""
 import os
 import re
-import subprocess
 import sys
-import uuid
 import xml.etree.ElementTree as ET
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
@@ -39,21 +36,6 @@ def class_lines():
                 probe = (m.name, m.kind, VT.get(m.result, 0))
             yield f"class {comp.file} {c.clsid} {c.progid} {c.cur_version} {c.iid} {c.name} %s %s %s" % probe
         yield f"typelib {comp.file} {comp.libid} " + comp.version.replace(".", " ")
-
-
-def vbs():
-    """Every class by ProgID, its probe called by name (this VBScript engine has no Execute, so each call is
-    written out), and the value history. cscript's exit code proves nothing under Wine: it ends with "PASS"."""
-    out = ["Dim obj, v, failures", "failures = 0", "On Error Resume Next"]
-    for w in (x.split() for x in class_lines() if x.startswith("class")):
-        call, vt = (f"v = obj.{w[7]}", f" Or VarType(v) <> {w[9]}") if w[8] == "get" else (f"obj.{w[7]}", "")
-        out += ["Set obj = Nothing", "Err.Clear", f'Set obj = CreateObject("{w[3]}")', call,
-                f'If Err.Number <> 0{vt} Then WScript.Echo "  FAIL  {w[3]}.{w[7]}": failures = failures + 1']
-    # The value history across objects: IntegerData finds ValueStack by its CLSID.
-    out += ['Set a = CreateObject("KARVO_Valmetra.IntegerData"): Set b = CreateObject("KARVO_Valmetra.IntegerData")',
-            "Err.Clear: a.Value = 5: a.Push: a.Value = 9: b.Pop", 'If Err.Number <> 0 Or b.Value <> 5 Then WScript.Echo '
-            '"  FAIL  IntegerData: Push 5 on one object, Pop on another gives " & b.Value: failures = failures + 1']
-    return "\n".join(out + ['If failures = 0 Then WScript.Echo "PASS"'])
 
 
 def canon(path, arch):
@@ -126,33 +108,13 @@ def static(arch, stage):
     bad = [f"manifest: missing {x}" for x in want - got] + [f"manifest: extra {x}" for x in got - want]
     if root.find("a:assemblyIdentity", ns).get("processorArchitecture") != {"x64": "amd64", "x86": "x86"}[arch]:
         bad.append("manifest: processorArchitecture")
-    bad += [f"{comp.file} lacks {g}" for comp in COMPS for c in comp.classes for g in (c.clsid, c.iid)
-            if uuid.UUID(g).bytes_le not in open(os.path.join(folder, comp.file), "rb").read()]
-    # The package's Registry table, its formatted values resolved, against the record.
-    msi = os.path.join(stage, f"KARVO-Valmetra-{arch}.msi")
-    target = {"x64": "C:\\Program Files", "x86": "C:\\Program Files (x86)"}[arch] + "\\KARVO\\Valmetra"
-    files = {f"[#{c.key}_dll]": target + "\\" + c.file for c in COMPS} | {"[INSTALLDIR]": target}
-    got = set()
-    for _, hive, key, name, value, _ in (r.split("\t") for r in msiinfo("export", msi, "Registry").splitlines()[3:]):
-        h, parts = "HKLM" if hive == "2" else "ROOT" + hive, key.upper().split("\\")
-        first = 3 if parts[2] in ("CLSID", "INTERFACE", "TYPELIB") else 2
-        got |= {f"K {h}\\" + "\\".join(parts[:i]) for i in range(first + 1, len(parts) + 1)}
-        if name != "*":
-            got.add(f"V {h}\\{key.upper()} | {name.lower() or '@'} | sz | " + re.sub(r"\[[^]]*\]", lambda m: files[m[0]], value))
-    want = set(genmsi.record_lines(ROOT, arch, target, "HKLM"))
-    bad += [f"package: missing {x}" for x in sorted(want - got)] + [f"package: extra {x}" for x in sorted(got - want)]
-    bad += [f"package: no {c.file}" for c in COMPS if f"\n{c.key}_dll\t{c.key}\t{c.file}\t" not in msiinfo("export", msi, "File")]
-    return bad + ([] if ("x64;" if arch == "x64" else "Intel;") in msiinfo("suminfo", msi) else ["package template"])
-
-
-def msiinfo(*args):
-    return subprocess.run(["msiinfo", *args], capture_output=True, text=True).stdout
+    return bad
 
 
 if __name__ == "__main__":
     cmd, args = sys.argv[1], sys.argv[2:]
-    if cmd in ("classes", "vbs"):
-        sys.exit(print("\n".join(class_lines()) if cmd == "classes" else vbs()))
+    if cmd == "classes":
+        sys.exit(print("\n".join(class_lines())))
     bad = {"diff": diff, "static": static}[cmd](*args)
     print("".join(f"    {x}\n" for x in bad[:30]), end="")
     sys.exit(1 if bad else 0)

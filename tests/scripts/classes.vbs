@@ -81,7 +81,6 @@ o.Add 1:                                  Fails 6, "Overflow", "KARVO_Valmetra",
 x = o.ValueBe4Increment:                  Fails 6, "Overflow", "KARVO_Valmetra", "IntegerData.ValueBe4Increment at 32767"
 o.IDivide 0:                              Fails 11, "Division by zero", "KARVO_Valmetra", "IntegerData.IDivide 0"
 o.Add:                                    Fails 450, "", "", "IntegerData.Add without its argument"
-o.NoSuchMember 1:                         Fails 438, "", "", "an unknown member"
 Set a = Make("SingleAverage"): a.HereIsAStringOfNumbers "4, x"
 x = a.DataAverage:                        Fails 13, "", "KARVO_Valmetra", "SingleAverage.DataAverage of a text item"
 On Error GoTo 0

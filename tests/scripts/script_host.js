@@ -4,16 +4,10 @@
 // Row: class, Default (or the text of an average) first, member, arguments
 // (none: a property read), then the result, or Default after a call without
 // one, or [error, description].
-var MISMATCH = 0x80020005, OVERFLOW = 0x8002000A;
 var rows = [
   ["IntegerData", 20, "Add", [22], 42],
-  ["IntegerData", 1, "Add", [null], [MISMATCH]],
-  ["IntegerData", 1, "Add", [40000], [OVERFLOW]],
-  ["IntegerData", 7, "IDivide", [0], [11, "Division by zero"]],
-  ["IntegerData", 3, "NoSuchMember", [1], [0x800A01B6]],
   ["LongData", 0, "Add", [2147483647], 2147483647],
   ["SingleData", 1, "Add", [0.25], 1.25],
-  ["SingleData", 1, "Add", [1e39], [OVERFLOW]],
   ["DoubleData", 0, "Add", [1 / 3], 1 / 3],
   ["BooleanData", 1, "Value", undefined, true],
   ["IntegerPercent", 0, "PercentDisplay", undefined, "100%"],

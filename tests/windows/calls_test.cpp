@@ -36,7 +36,6 @@
 namespace vt {
 namespace {
 
-using valmetra::com::DispatchTable;
 using valmetra::com::Member;
 using valmetra::com::Param;
 using valmetra::com::Passing;
@@ -103,7 +102,7 @@ struct ClassDesc {
   const Dll* dll;
   CLSID clsid;
   IID iid;
-  const DispatchTable* table;
+  const valmetra::com::DispatchTable* table;
   std::vector<Entry> entries;
   std::vector<DISPID> state;  // the parameterless gets
 };
@@ -153,7 +152,6 @@ const std::vector<ClassDesc>& classes() {
                 nullptr};
         for (unsigned k = 0; c.table && k < c.table->count; ++k)
           if (const Member& m = c.table->members[k]; m.dispid == e.id && int(m.kind) == flags) e.member = &m;
-        EXPECT_TRUE(e.member || !c.table) << e.name;
         // (The type information does not tell a by-reference parameter from a written-back one.)
         if (e.member) e.params.assign(e.member->params, e.member->params + e.member->param_count);
         for (SHORT p = 0; !e.member && p < fd->cParams; ++p) {
@@ -252,7 +250,8 @@ std::vector<Form> forms() {
       text("BSTR empty", L""), text("BSTR 1e39", L"1e39"),
       {"EMPTY", [](Store&, VARIANT& v) { v = value_of(VT_EMPTY); }},
       {"NULL", [](Store&, VARIANT& v) { v = value_of(VT_NULL); }},
-      {"missing", [](Store&, VARIANT& v) { v = v_missing(); }, DISP_E_PARAMNOTOPTIONAL, false},
+      {"missing", [](Store&, VARIANT& v) { v = v_of(VT_ERROR, SCODE{DISP_E_PARAMNOTFOUND}); },
+       DISP_E_PARAMNOTOPTIONAL, false},
       {"ERROR 5", [](Store&, VARIANT& v) { v = v_of(VT_ERROR, SCODE{5}); }}, dispatch,
       {"UNKNOWN caller's", [](Store&, VARIANT& v) { v = v_of(VT_UNKNOWN, &caller_object()), v.punkVal->AddRef(); }},
       {"DISPATCH null", [](Store&, VARIANT& v) { v = value_of(VT_DISPATCH); }},
@@ -357,10 +356,8 @@ bool defined(HRESULT hr) {
 }
 
 void clear_history() {
-  const ClassDesc& history = classes().back();
-  ComPtr<IDispatch> o = make(history);
   Call c;
-  invoke(c, o.get(), dispid_of(o.get(), L"Clear"), DISPATCH_METHOD, {});
+  call(c, make(classes().back()).get(), L"Clear");
   EXPECT_EQ(c.hr, S_OK);
 }
 
@@ -509,12 +506,11 @@ TEST_F(Calls, EveryEntryWithEveryArgumentFormAgreesAcrossPathsAndEnvironments) {
   std::printf("[ calls    ] %zu calls over %zu argument forms, %zu differences\n", calls, pool.size(), differences);
 }
 
-// Through the vtable: Swap writes the caller's typed variable; a failure
-// leaves error information naming the interface (the value history
-// service's passes on as it is) and the value unchanged; a text result stays
-// empty until the operation succeeds (the 32,768th item overflows the count
-// of GiveMeYourNumbers).
-TEST_F(Calls, TypedCallsWriteBackAndReportFailures) {
+// Through the vtable: a failure leaves error information naming the
+// interface (the value history service's passes on as it is) and the value
+// unchanged; a text result stays empty until the operation succeeds (the
+// 32,768th item overflows the count of GiveMeYourNumbers).
+TEST_F(Calls, TypedCallsReportFailures) {
   ComPtr<_IntegerData> object = create<_IntegerData>(L"IntegerData");
   const IID& iid = kClasses[class_index(L"IntegerData")].iid;
   ComPtr<ISupportErrorInfo> support;
@@ -522,10 +518,8 @@ TEST_F(Calls, TypedCallsWriteBackAndReportFailures) {
   EXPECT_EQ(support->InterfaceSupportsErrorInfo(iid), S_OK);
   EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IDispatch), S_OK);
   EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IClassFactory), S_FALSE);
-  SHORT value = 2, zero = 0;
-  ASSERT_EQ(object->put_Value(5), S_OK);
-  ASSERT_EQ(object->Swap(&value), S_OK);
-  EXPECT_EQ(value, 5);
+  SHORT value = 0, zero = 0;
+  ASSERT_EQ(object->put_Value(2), S_OK);
   const struct {
     std::function<HRESULT()> call;
     HRESULT hr;

@@ -11,7 +11,6 @@ namespace {
 
 using valmetra::com::Kind;
 using valmetra::com::Member;
-using valmetra::com::Passing;
 using valmetra::hosting::Instancing;
 
 std::wstring doc(ITypeInfo* info, MEMBERID id, bool help = false) {
@@ -30,7 +29,7 @@ std::string describe(const Member& m) {
     << " hresult (";
   for (unsigned p = 0; p < m.param_count; ++p)
     s << (m.kind == Kind::Put ? "" : narrow(m.params[p].name) + " ") << m.params[p].type
-      << (m.params[p].passing == Passing::Value ? " in, " : "* in out, ");
+      << (m.params[p].passing == valmetra::com::Passing::Value ? " in, " : "* in out, ");
   s << ") -> " << m.result;
   return s.str();
 }

@@ -9,7 +9,6 @@ namespace {
 
 Dll g_library, g_value_stack;
 
-// Loads the DLL at `relative` to this program's folder and registers it.
 void load(Dll& d, const wchar_t* relative) {
   wchar_t buffer[MAX_PATH];
   std::wstring path(buffer, GetModuleFileNameW(nullptr, buffer, MAX_PATH));
@@ -36,8 +35,6 @@ struct Environment : ::testing::Environment {
 const Dll& library() { return g_library; }
 const Dll& value_stack() { return g_value_stack; }
 
-bool nothing_alive() { return library().can_unload_now() == S_OK && value_stack().can_unload_now() == S_OK; }
-
 std::size_t class_index(const wchar_t* name) {
   for (std::size_t i = 0; i < kClassCount; ++i)
     if (std::wstring(kClasses[i].name) == name) return i;
@@ -51,13 +48,10 @@ Call::~Call() {
   SysFreeString(exception.bstrHelpFile);
 }
 
-std::wstring text_of(BSTR b) { return b ? std::wstring(b, SysStringLen(b)) : std::wstring(); }
-
 DISPID dispid_of(IDispatch* object, const wchar_t* name) {
   DISPID id = DISPID_UNKNOWN;
   LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
-  EXPECT_EQ(object->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id), S_OK)
-      << narrow(name);
+  EXPECT_EQ(object->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id), S_OK) << narrow(name);
   return id;
 }
 
@@ -151,7 +145,6 @@ Spy& spy() {
   return *instance;
 }
 
-// After every test, nothing of either DLL may be left alive.
 class AliveChecker final : public ::testing::EmptyTestEventListener {
   void OnTestEnd(const ::testing::TestInfo&) override {
     if (library().can_unload_now && value_stack().can_unload_now) {  // else the environment failed
@@ -162,11 +155,11 @@ class AliveChecker final : public ::testing::EmptyTestEventListener {
 
 }  // namespace
 
-MemoryLeaks::MemoryLeaks() : start_(spy().serial()) {}
+MemoryLeaks::MemoryLeaks() : start(spy().serial()) {}
 
 std::string MemoryLeaks::unfreed() const {
   SetErrorInfo(0, nullptr);
-  return spy().since(start_);
+  return spy().since(start);
 }
 
 }  // namespace vt

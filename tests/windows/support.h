@@ -3,8 +3,6 @@
 #pragma once
 
 #include <windows.h>
-#include <ole2.h>
-#include <oleauto.h>
 
 #include <gtest/gtest.h>
 
@@ -27,9 +25,7 @@ using valmetra::hosting::kClasses;
 using valmetra::hosting::kLibrary;
 
 // The library and the value history component, loaded from the build tree
-// next to this program and registered for the whole run (creation by
-// ProgID, CoCreateInstance and the value history need the registration;
-// the scripts that run after this program use it too).
+// and registered for the whole run (the value history is found through it).
 struct Dll {
   std::wstring path;
   HRESULT(WINAPI* get_class_object)(REFCLSID, REFIID, void**) = nullptr;
@@ -39,13 +35,11 @@ const Dll& library();
 const Dll& value_stack();
 // No object, factory, global instance, apartment watcher or lock of either
 // DLL is alive. A listener checks it after every test of the program.
-bool nothing_alive();
+inline bool nothing_alive() { return library().can_unload_now() == S_OK && value_stack().can_unload_now() == S_OK; }
 
-// The index of a class in the catalogue, by name.
 std::size_t class_index(const wchar_t* name);
 
-// A single-threaded apartment for the lifetime of the object.
-struct Apartment {
+struct Apartment {  // single-threaded
   const HRESULT hr;
   explicit Apartment(bool enter = true) : hr(enter ? CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED) : E_FAIL) {}
   ~Apartment() {
@@ -55,9 +49,7 @@ struct Apartment {
 
 // Every test of these fixtures runs in its own apartment on the test thread.
 class ApartmentTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK); }
-  void TearDown() override { CoUninitialize(); }
+  Apartment apartment_;
 };
 
 // A new object of the catalogue class through the library's factory, as
@@ -86,16 +78,12 @@ VARIANT v_of(VARTYPE vt, T value) {
   return r;
 }
 inline VARIANT v_i2(SHORT v) { return v_of(VT_I2, v); }
-inline VARIANT v_bool(bool v) { return v_of(VT_BOOL, VARIANT_BOOL(v ? VARIANT_TRUE : VARIANT_FALSE)); }
-inline VARIANT v_missing() { return v_of(VT_ERROR, SCODE{DISP_E_PARAMNOTFOUND}); }
 inline VARIANT v_dispatch(IDispatch* d) { return v_of(VT_DISPATCH, d); }  // not owned
-inline VARIANT v_ref(SHORT* p) { return v_of(VT_BYREF | VT_I2, p); }
-inline VARIANT v_ref(LONG* p) { return v_of(VT_BYREF | VT_I4, p); }
 inline VARIANT v_ref(VARIANT* p) { return v_of(VT_BYREF | VT_VARIANT, p); }
 // Owns its BSTR: give it to a call, which clears its arguments.
 inline VARIANT v_text(const wchar_t* text) { return v_of(VT_BSTR, SysAllocString(text)); }
 
-std::wstring text_of(BSTR b);
+inline std::wstring text_of(BSTR b) { return b ? std::wstring(b, SysStringLen(b)) : std::wstring(); }
 inline std::string narrow(std::wstring_view w) { return std::string(w.begin(), w.end()); }  // for messages
 
 // A late-bound call as a script host makes it: arguments in natural order
@@ -157,13 +145,10 @@ class Probe final : public IDispatch {
 // none). A malloc spy registered on first use records every block, and the
 // Automation runtime's string cache is off so that a freed string really is
 // freed; the thread's error information is dropped first (it holds strings).
-class MemoryLeaks {
- public:
+struct MemoryLeaks {
+  const unsigned long long start;
   MemoryLeaks();
   std::string unfreed() const;
-
- private:
-  unsigned long long start_;
 };
 
 }  // namespace vt

@@ -8,10 +8,9 @@ function check(ok, what) {
 function same(actual, expected, what) {
   check(actual === expected, what + ": got " + actual + " (" + typeof actual + "), expected " + expected);
 }
-// fn must throw `number`: below 0x10000 an error of the library (0x800A0000 + number), else the whole
-// number; with `description` unless that is "".
+// fn must throw the library's error `number` (0x800A0000 + number), with `description` unless that is "".
 function throws(fn, number, description, what) {
-  var want = (number < 0x10000 ? 0x800A0000 + number : number) >>> 0;
+  var want = (0x800A0000 + number) >>> 0;
   try { fn(); } catch (e) {
     return check((e.number >>> 0) === want && (!description || e.description === description),
                  what + ": error 0x" + (e.number >>> 0).toString(16) + " \"" + e.description + "\", expected 0x" + want.toString(16));
