@@ -34,10 +34,11 @@ bool history_empty_error(auto&& f, std::u16string_view type_name) {
   return false;
 }
 
-// What a host sees of its floating-point environment: the x87 control word
-// and exception flags, and MXCSR. All zero off x86-64 glibc.
+// What a host sees of its floating-point environment: the x87 control word,
+// exception flags, the rest of its status (stack top, stack fault, error
+// summary), and MXCSR. All zero off x86-64 glibc.
 struct FpEnv {
-  std::uint16_t x87_control = 0, x87_flags = 0;
+  std::uint16_t x87_control = 0, x87_flags = 0, x87_status = 0;
   std::uint32_t mxcsr = 0;
   bool operator==(const FpEnv&) const = default;
 };
@@ -45,7 +46,8 @@ inline FpEnv observe_env() {
 #if defined(__x86_64__) && defined(__GLIBC__)
   std::fenv_t e;
   std::fegetenv(&e);
-  return {e.__control_word, static_cast<std::uint16_t>(e.__status_word & 0x3F), e.__mxcsr};
+  return {e.__control_word, static_cast<std::uint16_t>(e.__status_word & 0x3F),
+          static_cast<std::uint16_t>(e.__status_word & 0x38C0), e.__mxcsr};
 #else
   return {};
 #endif
