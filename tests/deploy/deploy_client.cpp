@@ -7,12 +7,13 @@
 // <list> is `reg.py classes`. Prints failures and "N passed, N failed"; exits 1 on a failure.
 #include <windows.h>
 #include <oleauto.h>
-#include <wrl/client.h>
 
 #include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include "hosting/com/raii.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ void check(bool ok, const std::string& what, HRESULT hr = S_OK) {
   if (ok != want) std::printf("  FAIL  %s%s (hr 0x%08lX)\n", want ? "" : "resolves: ", what.c_str(), hr + 0ul);
 }
 
-using Microsoft::WRL::ComPtr;
+using valmetra::com::ComPtr;
 
 std::wstring widen(const std::string& s) { return std::wstring(s.begin(), s.end()); }  // GUIDs, ProgIDs: ASCII
 GUID guid(const std::string& s) { GUID g{}; CLSIDFromString(widen(s).c_str(), &g); return g; }
@@ -42,7 +43,7 @@ HRESULT by_com(const Class& c, ComPtr<IUnknown>& obj) {
     hr = via == c.clsid ? S_OK : CLSIDFromProgID(widen(via).c_str(), &id);
     if (via != c.clsid) check(SUCCEEDED(hr), c.name + ": " + via + " names a class", hr);
     // An activation context may answer with an alias of the CLSID: it must still create this class.
-    if (SUCCEEDED(hr)) hr = CoCreateInstance(id, nullptr, CLSCTX_INPROC_SERVER, guid(c.iid), &obj);
+    if (SUCCEEDED(hr)) hr = CoCreateInstance(id, nullptr, CLSCTX_INPROC_SERVER, guid(c.iid), obj.put_void());
     check(SUCCEEDED(hr), c.name + ": created by " + via + ", answers " + c.iid, hr);
   }
   return hr;
@@ -62,8 +63,8 @@ HRESULT by_hand(const Class& c, ComPtr<IUnknown>& obj) {
   auto get = reinterpret_cast<decltype(&DllGetClassObject)>(
       dll ? reinterpret_cast<void*>(GetProcAddress(dll, "DllGetClassObject")) : nullptr);
   ComPtr<IClassFactory> factory;
-  HRESULT hr = get ? get(guid(c.clsid), IID_PPV_ARGS(&factory)) : HRESULT_FROM_WIN32(GetLastError());
-  if (SUCCEEDED(hr)) hr = factory->CreateInstance(nullptr, guid(c.iid), &obj);
+  HRESULT hr = get ? get(guid(c.clsid), IID_IClassFactory, factory.put_void()) : HRESULT_FROM_WIN32(GetLastError());
+  if (SUCCEEDED(hr)) hr = factory->CreateInstance(nullptr, guid(c.iid), obj.put_void());
   check(SUCCEEDED(hr), c.name + ": created from its InprocServer32 path", hr);
   return hr;
 }
@@ -79,7 +80,7 @@ void activate_all(bool hand) {
     DISPID id = 0;
     DISPPARAMS none{};
     VARIANT r{};
-    HRESULT hr = obj.As(&disp);
+    HRESULT hr = obj.query(IID_IDispatch, disp);
     if (SUCCEEDED(hr)) hr = disp->GetIDsOfNames(IID_NULL, names, 1, 0, &id);
     if (SUCCEEDED(hr))
       hr = disp->Invoke(id, IID_NULL, 0, c.kind == "get" ? DISPATCH_PROPERTYGET : DISPATCH_METHOD, &none, &r, nullptr, nullptr);
@@ -91,8 +92,8 @@ void activate_all(bool hand) {
     swprintf(ver, 40, L"\\%x.%x\\0\\%ls", t.major, t.minor, sizeof(void*) == 8 ? L"win64" : L"win32");
     ComPtr<ITypeLib> lib;
     TLIBATTR* attr = nullptr;
-    HRESULT hr = hand ? LoadTypeLibEx(value(L"TypeLib\\" + widen(t.libid) + ver).c_str(), REGKIND_NONE, &lib)
-                      : LoadRegTypeLib(guid(t.libid), t.major, t.minor, 0, &lib);
+    HRESULT hr = hand ? LoadTypeLibEx(value(L"TypeLib\\" + widen(t.libid) + ver).c_str(), REGKIND_NONE, lib.put())
+                      : LoadRegTypeLib(guid(t.libid), t.major, t.minor, 0, lib.put());
     if (SUCCEEDED(hr)) hr = lib->GetLibAttr(&attr);
     check(SUCCEEDED(hr) && attr->guid == guid(t.libid) && attr->wMajorVerNum == t.major,
           t.file + ": type library " + t.libid + " found", hr);

@@ -76,7 +76,7 @@ stage() {
       "$STAGE/$a/" || return 1
     exe=$B/dep-tools/$a/deploy_client.exe
     [ "$exe" -nt "$HERE/deploy_client.cpp" ] || $([ $a = x64 ] && echo x86_64 || echo i686)-w64-mingw32-g++-posix -std=c++20 \
-      -O2 -Wall -Wextra -Werror -static -o "$exe" "$HERE/deploy_client.cpp" -lole32 -loleaut32 -ladvapi32 -luuid || return 1
+      -O2 -Wall -Wextra -Werror -static -I "$ROOT/src" -o "$exe" "$HERE/deploy_client.cpp" -lole32 -loleaut32 -ladvapi32 -luuid || return 1
   done
   "$ROOT/examples/cpp/build.sh" all "$STAGE" "$B/dep-examples" >/dev/null && "$ROOT/tools/dist-extra.sh" "$STAGE" >/dev/null &&
     $REG classes >"$STAGE/classes.txt"

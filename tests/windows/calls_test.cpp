@@ -421,10 +421,8 @@ std::string call_once(const ClassDesc& c, const Entry& e, const Shape& s, Path p
   const std::string before_args = args_seen(true), before_state = state_of(c, o.get());
   DISPPARAMS params{s.no_args ? nullptr : rgvarg.data(), s.no_names ? nullptr : const_cast<DISPID*>(s.names),
                     static_cast<UINT>(count), s.named};
-  HRESULT hr;
-  Variant result;
-  EXCEPINFO exception{};
-  UINT arg_error = 0xFFFFFFFF;
+  Call call;  // owns the result and the exception's strings
+  auto& [hr, result, exception, arg_error] = call;
   const IID& iid = s.dispatch_iid ? IID_IDispatch : IID_NULL;
   const int traps = g_traps;
   if (path == Path::Table) load_fp(kHosts[host].mxcsr, kHosts[host].control);
@@ -438,8 +436,6 @@ std::string call_once(const ClassDesc& c, const Entry& e, const Shape& s, Path p
   const FpState after = read_fp();
   load_fp(kDefaultMxcsr, kDefaultControl);
   EXPECT_TRUE(fp == after && g_traps == traps) << what << ": floating environment";
-  SysFreeString(exception.bstrSource);
-  SysFreeString(exception.bstrDescription);
   const std::string state = state_of(c, o.get());
   EXPECT_TRUE(defined(hr)) << what;
   if (FAILED(hr)) {
