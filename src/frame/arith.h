@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <type_traits>
 
 #include "frame/error.h"
@@ -67,6 +68,12 @@ double round_half_even(double x) noexcept;
 // 64-bit float to 32-bit float, round to nearest; Overflow when the value
 // lies beyond the 32-bit range (an infinity included). NaN passes as NaN.
 Single to_single(double x);
+// to_single's shortcut: the Single of x when x is zero or has at most 24
+// significant bits within the normal Single range. Such a Double converts
+// without rounding and without raising anything, whatever the environment,
+// so it needs no floating scope; every other Double (a denormal Single's
+// included) answers nothing and takes the scoped conversion.
+std::optional<Single> exact_single(double x) noexcept;
 
 // The power service: x raised to y. No floating check follows it; a result
 // that is not finite raises the service's error:

@@ -76,8 +76,7 @@ void set_x87_control_and_flags(std::uint16_t control, std::uint16_t flags) noexc
 }  // namespace
 
 Scope::Scope(Units units) noexcept
-    : mxcsr_(0), x87_control_(0), x87_flags_(0), x87_(kCompiledUsesX87 || units == Units::WithX87) {
-  mxcsr_ = get_mxcsr();
+    : mxcsr_(get_mxcsr()), x87_control_{}, x87_flags_{}, x87_(kCompiledUsesX87 || units == Units::WithX87) {
   set_mxcsr(kMxcsrDefault);
   if (x87_) {
     x87_control_ = get_x87_control();

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <system_error>
 
@@ -17,7 +18,9 @@ namespace {
 constexpr bool is_blank(char16_t c) noexcept { return c == u' ' || c == u'\t'; }
 constexpr bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-// A run of decimal digits starting at a given index.
+// A run of decimal digits starting at a given index. The scans of the
+// general reader below need no bounds checks: s[s.size()] is the string's
+// terminating NUL, which is no digit, sign, point or exponent letter.
 struct DigitRun {
   std::size_t end = 0;            // index after the run
   std::size_t count = 0;          // digits in the run
@@ -27,7 +30,7 @@ struct DigitRun {
 
 DigitRun scan_digits(const std::string& s, std::size_t i) {
   DigitRun run;
-  for (; i < s.size() && is_digit(s[i]); ++i) {
+  for (; is_digit(s[i]); ++i) {
     if (s[i] != '0') run.all_zero = false;
     if (run.all_zero) ++run.leading_zeros;
     ++run.count;
@@ -39,26 +42,18 @@ DigitRun scan_digits(const std::string& s, std::size_t i) {
 constexpr bool is_digit16(char16_t c) noexcept { return c >= u'0' && c <= u'9'; }
 
 // The powers of ten that a Double holds exactly.
-constexpr std::array<double, 23> kExactPowersOfTen = {
+constexpr double kExactPowersOfTen[] = {
     1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
     1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-constexpr std::array<std::uint64_t, 16> kWholePowersOfTen = {
-    1,          10,          100,          1000,          10000,          100000,          1000000,          10000000,
-    100000000,  1000000000,  10000000000,  100000000000,  1000000000000,  10000000000000,  100000000000000,  1000000000000000};
 constexpr std::uint64_t kExactIntegerLimit = std::uint64_t{1} << 53;
 
-// The common case without std::from_chars: a well-formed number whose
-// digits (at most 19, leading zeros included) form a whole number m up to
-// 2^53 and whose decimal exponent e, after moving the point behind the last
-// digit, lies in -22..22. Then m and 10^|e| are exact Doubles, so m * 10^e
-// or m / 10^-e is one correctly rounded step (the classic fast path for
-// decimal conversion), done under the library's floating environment; when
-// m * 10^e is a whole number up to 2^53 no floating step is needed at all.
-// Anything else (other forms, errors included) answers false and is left to
-// the general path, which gives the same value for every text taken here.
-bool fast_text_to_number(std::u16string_view text, std::size_t i, std::size_t last, double& out) {
+}  // namespace
+
+std::optional<double> quick_text_to_number(std::u16string_view text) {
+  std::size_t i = 0;
+  const std::size_t last = text.size();
   bool negative = false;
-  if (text[i] == u'+' || text[i] == u'-') {
+  if (i < last && (text[i] == u'+' || text[i] == u'-')) {
     negative = text[i] == u'-';
     ++i;
   }
@@ -70,7 +65,7 @@ bool fast_text_to_number(std::u16string_view text, std::size_t i, std::size_t la
     for (++i; i < last && is_digit16(text[i]); ++i, ++digits, ++fraction_digits)
       m = m * 10 + static_cast<unsigned>(text[i] - u'0');
   }
-  if (digits == 0 || digits > 19) return false;
+  if (digits == 0 || digits > 19) return std::nullopt;
   int exponent = 0;
   if (i < last && (text[i] == u'e' || text[i] == u'E')) {
     ++i;
@@ -81,35 +76,29 @@ bool fast_text_to_number(std::u16string_view text, std::size_t i, std::size_t la
     }
     int exponent_digits = 0;
     for (; i < last && is_digit16(text[i]); ++i, ++exponent_digits) {
-      if (exponent_digits == 4) return false;
+      if (exponent_digits == 4) return std::nullopt;
       exponent = exponent * 10 + (text[i] - u'0');
     }
-    if (exponent_digits == 0) return false;
+    if (exponent_digits == 0) return std::nullopt;
     if (exponent_negative) exponent = -exponent;
   }
-  if (i != last) return false;
-  if (m > kExactIntegerLimit) return false;
+  if (i != last) return std::nullopt;
+  if (m > kExactIntegerLimit) return std::nullopt;
   const int e = exponent - fraction_digits;
   double magnitude;
-  if (m == 0) {
-    magnitude = 0.0;
-  } else if (e == 0) {
-    magnitude = static_cast<double>(m);  // exact
-  } else if (e > 0 && e <= 15 && m <= kExactIntegerLimit / kWholePowersOfTen[e]) {
-    magnitude = static_cast<double>(m * kWholePowersOfTen[e]);  // exact
+  if (e == 0) {
+    magnitude = static_cast<double>(m);  // exact: no floating step at all
   } else if (e >= -22 && e <= 22) {
     fp::Scope scope;  // the one rounding step must round to nearest
-    const double power = fp::opaque(kExactPowersOfTen[static_cast<std::size_t>(e < 0 ? -e : e)]);
+    const double power = fp::opaque(kExactPowersOfTen[static_cast<std::size_t>(std::abs(e))]);
     const double whole = fp::opaque(static_cast<double>(m));
-    magnitude = fp::opaque(e < 0 ? whole / power : whole * power);
+    magnitude = fp::opaque(e > 0 ? whole * power : whole / power);
   } else {
-    return false;
+    return std::nullopt;
   }
-  out = negative ? -magnitude : magnitude;
-  return true;
+  return negative ? -magnitude : magnitude;
 }
 
-}  // namespace
 
 double text_to_number(std::u16string_view text) {
   std::size_t first = 0;
@@ -117,11 +106,10 @@ double text_to_number(std::u16string_view text) {
   while (first < last && is_blank(text[first])) ++first;
   while (last > first && is_blank(text[last - 1])) --last;
   if (first == last) raise_type_mismatch();
-  if (double fast; fast_text_to_number(text, first, last, fast)) return fast;
+  if (const auto quick = quick_text_to_number(text.substr(first, last - first))) return *quick;
 
   // Only ASCII can be part of a number; narrow it once.
   std::string s;
-  s.reserve(last - first);
   for (std::size_t i = first; i < last; ++i) {
     const char16_t c = text[i];
     if (c > 0x7F) raise_type_mismatch();
@@ -129,7 +117,8 @@ double text_to_number(std::u16string_view text) {
   }
 
   // Check the whole grammar here: std::from_chars alone would accept "inf",
-  // "nan" and stop early at anything it does not know.
+  // "nan" and stop early at anything it does not know. A mantissa without
+  // digits ("." or "-e5") passes this scan; std::from_chars refuses it.
   std::size_t i = 0;
   bool negative = false;
   if (s[i] == '+' || s[i] == '-') {
@@ -140,21 +129,20 @@ double text_to_number(std::u16string_view text) {
   const DigitRun whole = scan_digits(s, i);
   i = whole.end;
   DigitRun fraction;
-  if (i < s.size() && s[i] == '.') {
+  if (s[i] == '.') {
     fraction = scan_digits(s, i + 1);
     i = fraction.end;
   }
-  if (whole.count == 0 && fraction.count == 0) raise_type_mismatch();
   long long exponent = 0;
-  if (i < s.size() && (s[i] == 'e' || s[i] == 'E')) {
+  if (s[i] == 'e' || s[i] == 'E') {
     ++i;
     bool exponent_negative = false;
-    if (i < s.size() && (s[i] == '+' || s[i] == '-')) {
+    if (s[i] == '+' || s[i] == '-') {
       exponent_negative = s[i] == '-';
       ++i;
     }
-    if (i == s.size() || !is_digit(s[i])) raise_type_mismatch();
-    for (; i < s.size() && is_digit(s[i]); ++i) {
+    if (!is_digit(s[i])) raise_type_mismatch();
+    for (; is_digit(s[i]); ++i) {
       if (exponent < 1'000'000'000) exponent = exponent * 10 + (s[i] - '0');
     }
     if (exponent_negative) exponent = -exponent;
@@ -169,15 +157,12 @@ double text_to_number(std::u16string_view text) {
                         std::chars_format::general);
   }
   if (r.ec == std::errc::result_out_of_range) {
-    // Tell a huge value from a tiny one by the decimal exponent of the first
-    // non-zero digit; nothing near the Double range's ends is out of range.
-    long long lead;
-    if (!whole.all_zero) {
-      lead = static_cast<long long>(whole.count - whole.leading_zeros) - 1;
-    } else {
-      lead = -static_cast<long long>(fraction.leading_zeros) - 1;
-    }
-    if (lead + exponent > 0) raise_overflow();
+    // Tell a huge value from a tiny one by where its first non-zero digit
+    // stands: the value lies between 10^(place - 1) and 10^place. Out of
+    // range means above 10^308 or below 10^-323, so the sign of place decides.
+    const long long place = exponent + (whole.all_zero ? -static_cast<long long>(fraction.leading_zeros)
+                                                       : static_cast<long long>(whole.count - whole.leading_zeros));
+    if (place > 0) raise_overflow();
     magnitude = 0.0;
   } else if (r.ec != std::errc() || r.ptr != s.data() + s.size()) {
     raise_type_mismatch();
@@ -196,7 +181,7 @@ void append_single_text(std::u16string& out, Single value) {
     return;
   }
   if (std::isinf(value)) {
-    out += value < 0 ? u"-Infinity" : u"Infinity";
+    out += std::signbit(value) ? u"-Infinity" : u"Infinity";
     return;
   }
   if (value == 0.0f) {
@@ -221,20 +206,20 @@ void append_single_text(std::u16string& out, Single value) {
   const char* const end = r.ptr;
   const bool negative = *p == '-';
   if (negative) ++p;
-  std::array<char, 16> digits{};
-  std::size_t n = 0;
-  for (; p != end && *p != 'e'; ++p) {
-    if (is_digit(*p) && n < digits.size()) digits[n++] = *p;
+  // The significant digits (at most nine) without trailing zeros; the first
+  // digit of a value that is not zero is never 0.
+  std::string digits;
+  for (; *p != 'e'; ++p) {
+    if (is_digit(*p)) digits += *p;
   }
-  while (n > 1 && digits[n - 1] == '0') --n;  // trailing zeros are never written
+  while (digits.back() == '0') digits.pop_back();
+  const std::size_t n = digits.size();
+  // After the 'e': the exponent's sign and at least two digits, as the
+  // exponent form writes them.
+  const char* const exponent_text = p + 1;
   int exponent = 0;
-  {
-    const char* q = p + 1;  // after 'e'
-    const bool exponent_negative = *q == '-';
-    ++q;
-    std::from_chars(q, end, exponent);
-    if (exponent_negative) exponent = -exponent;
-  }
+  std::from_chars(exponent_text + 1, end, exponent);
+  if (*exponent_text == '-') exponent = -exponent;
 
   if (negative) out += u'-';
   if (exponent <= -5 || exponent >= 7) {
@@ -244,10 +229,7 @@ void append_single_text(std::u16string& out, Single value) {
       for (std::size_t k = 1; k < n; ++k) out += static_cast<char16_t>(digits[k]);
     }
     out += u'E';
-    out += exponent < 0 ? u'-' : u'+';
-    const int magnitude = exponent < 0 ? -exponent : exponent;
-    if (magnitude < 10) out += u'0';
-    append_integer_text(out, static_cast<Integer>(magnitude));
+    for (const char* q = exponent_text; q != end; ++q) out += static_cast<char16_t>(*q);
   } else if (exponent >= 0) {
     const std::size_t whole = static_cast<std::size_t>(exponent) + 1;
     for (std::size_t k = 0; k < whole; ++k) out += static_cast<char16_t>(k < n ? digits[k] : '0');

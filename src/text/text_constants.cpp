@@ -21,25 +21,14 @@ constexpr std::u16string_view kTexts[] = {
 #undef VALMETRA_TEXT
 };
 
+// In slot order: the generator numbers the members by their position in
+// TextConstants.members and gives each the index of a stored text or
+// kBuiltText, so slot k is kMembers[k - 1].
 constexpr TextConstants::Member kMembers[] = {
 #define VALMETRA_TEXT_MEMBER(slot, name, index) TextConstants::Member{slot, u"" #name, index},
 #include "text_constants_table.inc"
 #undef VALMETRA_TEXT_MEMBER
 };
-
-// The generated table must be in slot order without gaps, and every member
-// must name a stored text or be built.
-constexpr bool table_is_consistent() {
-  for (std::size_t i = 0; i < std::size(kMembers); ++i) {
-    const auto& m = kMembers[i];
-    if (m.slot != static_cast<int>(i) + 1) return false;
-    if (m.text < TextConstants::kBuiltText || m.text >= static_cast<int>(std::size(kTexts))) {
-      return false;
-    }
-  }
-  return true;
-}
-static_assert(table_is_consistent(), "text_constants_table.inc is not in slot order or names a missing text");
 
 }  // namespace
 

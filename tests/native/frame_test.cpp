@@ -107,6 +107,9 @@ TEST(Conversions, ToSingleRoundsToNearestAndOverflows) {
     if (r.error == 0) { EXPECT_EQ(std::bit_cast<std::uint32_t>(got), r.bits) << r.in; }
   }
   EXPECT_TRUE(std::isnan(to_single(kNaN)));
+  // The shortcut takes zero and Doubles of at most 24 bits in the normal range, nothing else.
+  for (double x : {0.0, -0.0, 2.0, -0x1p127, 0x1p-126, 1 + 0x1p-23, double(FLT_MAX)}) EXPECT_TRUE(exact_single(x)) << x;
+  for (double x : {0x1p128, 0x1p-127, 1 + 0x1p-24, 0.1, kInf, kNaN}) EXPECT_FALSE(exact_single(x)) << x;
 }
 
 TEST(Conversions, PowerService) {
