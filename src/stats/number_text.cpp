@@ -1,5 +1,6 @@
 #include "stats/number_text.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <charconv>
@@ -251,9 +252,8 @@ std::u16string single_to_text(Single value) {
 }
 
 void append_integer_text(std::u16string& out, Integer value) {
-  std::array<char, 8> buf{};
-  const auto r = std::to_chars(buf.data(), buf.data() + buf.size(), value);
-  for (const char* p = buf.data(); p != r.ptr; ++p) out += static_cast<char16_t>(*p);
+  const std::string text = std::to_string(value);  // no locale reaches an int's digits
+  out.append(text.begin(), text.end());
 }
 
 namespace {
@@ -279,11 +279,9 @@ std::string whole_decimal(std::uint64_t m, unsigned shift) {
   }
   std::string text;
   for (std::size_t k = used; k-- > 0;) {
-    std::array<char, 10> buf{};
-    const auto r = std::to_chars(buf.data(), buf.data() + buf.size(), limbs[k]);
-    const auto len = static_cast<std::size_t>(r.ptr - buf.data());
-    if (k + 1 != used) text.append(9 - len, '0');  // inner limbs keep their zeros
-    text.append(buf.data(), len);
+    const std::string limb = std::to_string(limbs[k]);
+    if (k + 1 != used) text.append(9 - limb.size(), '0');  // inner limbs keep their zeros
+    text += limb;
   }
   return text;
 }
@@ -300,7 +298,7 @@ std::u16string percent_display_text(Single ratio) {
   if (biased == 0xFF) raise_overflow();  // an infinity or a NaN has no display text
   const std::uint32_t fraction = bits & 0x7FFFFF;
   const std::uint64_t m = biased == 0 ? fraction : (fraction | 0x800000u);
-  const int e = biased == 0 ? -149 : static_cast<int>(biased) - 150;
+  const int e = static_cast<int>(std::max(biased, 1u)) - 150;  // a denormal has the smallest normal's exponent
   const std::uint64_t hundred_m = 100 * m;  // below 2^31
 
   std::string digits;
@@ -310,16 +308,15 @@ std::u16string percent_display_text(Single ratio) {
     // hundred_m / 2^s, rounded half away from zero on the magnitude.
     const unsigned s = static_cast<unsigned>(-e);
     std::uint64_t whole = 0;
-    if (s <= 32) {
+    if (s < 64) {
       whole = hundred_m >> s;
       const std::uint64_t rest = hundred_m - (whole << s);
       if (2 * rest >= (std::uint64_t{1} << s)) ++whole;
-    }  // beyond 2^32 the quotient is below 2^31 / 2^33 < 1/2: rounds to 0
+    }  // from 2^64 on the quotient is below 2^31 / 2^64: rounds to 0
     if (whole != 0) digits = whole_decimal(whole, 0);
   }
 
   std::u16string out;
-  out.reserve(digits.size() + 2);
   if (negative && !digits.empty()) out += u'-';
   for (char c : digits) out += static_cast<char16_t>(c);
   out += u'%';

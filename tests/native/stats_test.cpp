@@ -303,7 +303,7 @@ TEST(NumberText, PercentDisplay) {
                  Row{0.125f, u"13%"}, Row{-0.125f, u"-13%"}, Row{0.5f, u"50%"}, Row{1.0f / 3, u"33%"},
                  Row{2.0f / 3, u"67%"}, Row{0.145f, u"14%"}, Row{0.135f, u"14%"}, Row{0.155f, u"16%"},
                  Row{2, u"200%"}, Row{1.25f, u"125%"}, Row{0.995f, u"100%"}, Row{0.99499994f, u"99%"},
-                 Row{1e10f, u"1000000000000%"}, Row{1e-45f, u"%"}, Row{0x1p-32f * 3, u"%"},
+                 Row{1e10f, u"1000000000000%"}, Row{1e-45f, u"%"}, Row{0x1p-32f * 3, u"%"}, Row{0x1p-41f, u"%"},
                  Row{3.4028235e38f, u"34028234663852885981170418348451692544000%"}}) {
     EXPECT_EQ(percent_display_text(r.ratio), r.text) << r.ratio;
   }
