@@ -61,15 +61,24 @@ inline std::uint16_t get_x87_flags() noexcept {
 }
 inline void clear_x87_flags() noexcept { asm volatile("fnclex" : : : "memory"); }
 
+// The x87 environment as fnstenv stores it (28 bytes, in 32-bit and 64-bit
+// mode alike).
+struct X87Environment {
+  std::uint16_t control, reserved_1, status, reserved_2, tag, reserved_3;
+  std::uint32_t instruction_offset;
+  std::uint16_t instruction_selector, opcode;
+  std::uint32_t operand_offset;
+  std::uint16_t operand_selector, reserved_4;
+};
+static_assert(sizeof(X87Environment) == 28);
+
 // Loads the x87 control word and exception flags together (the flags can
-// only be set through the whole environment). The 28-byte environment holds
-// the control word in its first and the status word in its second 32-bit
-// word, in 32-bit and 64-bit mode alike.
+// only be set through the whole environment).
 void set_x87_control_and_flags(std::uint16_t control, std::uint16_t flags) noexcept {
-  std::uint32_t env[7];
+  X87Environment env;
   asm volatile("fnstenv %0" : "=m"(env) : : "memory");
-  env[0] = (env[0] & 0xFFFF0000u) | control;
-  env[1] = (env[1] & ~std::uint32_t{kX87Flags}) | flags;
+  env.control = control;
+  env.status = static_cast<std::uint16_t>((env.status & ~kX87Flags) | flags);
   asm volatile("fldenv %0" : : "m"(env) : "memory");
 }
 

@@ -1,5 +1,7 @@
 #include "values/integer_data.h"
 
+#include <algorithm>
+
 #include <utility>
 
 namespace valmetra {
@@ -45,8 +47,8 @@ void IntegerData::DecrementToUpperLimit(Integer UpperLimitArgument) {
 }
 
 Flag IntegerData::IsBetween(Integer LowerValue, Integer HigherValue) const {
-  if (LowerValue <= HigherValue) return to_flag(LowerValue <= value_ && value_ <= HigherValue);
-  return to_flag(HigherValue <= value_ && value_ <= LowerValue);
+  // The bounds in either order, both inclusive.
+  return to_flag(std::min(LowerValue, HigherValue) <= value_ && value_ <= std::max(LowerValue, HigherValue));
 }
 
 Flag IntegerData::IsEven() const { return to_flag((value_ & 1) == 0); }
