@@ -19,24 +19,23 @@ namespace {
 constexpr bool is_blank(char16_t c) noexcept { return c == u' ' || c == u'\t'; }
 constexpr bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-// A run of decimal digits starting at a given index. The scans of the
-// general reader below need no bounds checks: s[s.size()] is the string's
-// terminating NUL, which is no digit, sign, point or exponent letter.
+// A run of decimal digits. The scans of the general reader below need no
+// bounds checks: s[s.size()] is the string's terminating NUL, which is no
+// digit, sign, point or exponent letter.
 struct DigitRun {
-  std::size_t end = 0;            // index after the run
   std::size_t count = 0;          // digits in the run
   std::size_t leading_zeros = 0;  // zeros before the first non-zero digit
   bool all_zero = true;
 };
 
-DigitRun scan_digits(const std::string& s, std::size_t i) {
+// Scans the run starting at i and leaves i after it.
+DigitRun scan_digits(const std::string& s, std::size_t& i) {
   DigitRun run;
   for (; is_digit(s[i]); ++i) {
     if (s[i] != '0') run.all_zero = false;
     if (run.all_zero) ++run.leading_zeros;
     ++run.count;
   }
-  run.end = i;
   return run;
 }
 
@@ -128,12 +127,8 @@ double text_to_number(std::u16string_view text) {
   }
   const std::size_t mantissa = i;
   const DigitRun whole = scan_digits(s, i);
-  i = whole.end;
   DigitRun fraction;
-  if (s[i] == '.') {
-    fraction = scan_digits(s, i + 1);
-    i = fraction.end;
-  }
+  if (s[i] == '.') fraction = scan_digits(s, ++i);
   long long exponent = 0;
   if (s[i] == 'e' || s[i] == 'E') {
     ++i;
@@ -190,23 +185,24 @@ void append_single_text(std::u16string& out, Single value) {
     return;
   }
 
-  // Scientific form: [-]d[.ddd]e(+|-)dd
+  const bool negative = std::signbit(value);
+  const Single magnitude = std::fabs(value);
+
+  // Scientific form of the magnitude: d[.ddd]e(+|-)dd
   std::array<char, 48> buf{};
   std::to_chars_result r =
-      std::to_chars(buf.data(), buf.data() + buf.size(), value, std::chars_format::scientific);
-  auto significant = [&](const char* end) {
+      std::to_chars(buf.data(), buf.data() + buf.size(), magnitude, std::chars_format::scientific);
+  auto significant = [&] {
     int n = 0;
-    for (const char* p = buf.data(); p != end && *p != 'e'; ++p) n += is_digit(*p) ? 1 : 0;
+    for (const char* p = buf.data(); *p != 'e'; ++p) n += is_digit(*p) ? 1 : 0;
     return n;
   };
-  if (significant(r.ptr) > 7) {
-    r = std::to_chars(buf.data(), buf.data() + buf.size(), value, std::chars_format::scientific, 6);
+  if (significant() > 7) {
+    r = std::to_chars(buf.data(), buf.data() + buf.size(), magnitude, std::chars_format::scientific, 6);
   }
 
   const char* p = buf.data();
   const char* const end = r.ptr;
-  const bool negative = *p == '-';
-  if (negative) ++p;
   // The significant digits (at most nine) without trailing zeros; the first
   // digit of a value that is not zero is never 0.
   std::string digits;

@@ -38,9 +38,10 @@ std::u16string_view TextConstants::Text(std::size_t index) {
 }
 
 std::u16string_view TextConstants::slot_text(std::size_t slot) {
-  if (slot == 0 || slot > std::size(kMembers) || kMembers[slot - 1].text == kBuiltText)
-    raise(ErrorNumber::InvalidProcedureCall);
-  return Text(static_cast<std::size_t>(kMembers[slot - 1].text));
+  if (slot == 0 || slot > std::size(kMembers)) raise(ErrorNumber::InvalidProcedureCall);
+  const Member& member = kMembers[slot - 1];
+  if (member.text == kBuiltText) raise(ErrorNumber::InvalidProcedureCall);
+  return Text(static_cast<std::size_t>(member.text));
 }
 
 std::size_t TextConstants::text_count() noexcept { return std::size(kTexts); }
