@@ -31,6 +31,7 @@
 //   nothing of its own (the service records the old value, then sets it).
 #pragma once
 
+#include <algorithm>
 #include <type_traits>
 
 #include "frame/arith.h"
@@ -114,8 +115,8 @@ class IntegralValue {
   void Raise(Integer ToNPower) { self().RaiseYourself(ToNPower); }
 
   // Choosing; the old Value plays no part.
-  void GreaterOfTheTwo(T Value1, T Value2) { value_ = Value1 > Value2 ? Value1 : Value2; }
-  void LesserOfTheTwo(T Value1, T Value2) { value_ = Value1 < Value2 ? Value1 : Value2; }
+  void GreaterOfTheTwo(T Value1, T Value2) { value_ = std::max(Value1, Value2); }
+  void LesserOfTheTwo(T Value1, T Value2) { value_ = std::min(Value1, Value2); }
   void Zapp() { value_ = T{-1}; }
   void Zero() { value_ = T{0}; }
 

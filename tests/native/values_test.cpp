@@ -125,7 +125,7 @@ TYPED_TEST(Integral, Operations) {
       // the limits: Limit is LowerLimit, no ordering check; Default is Value
       {GET(Limit(7), LowerLimit()), 1, 7}, {GET(LowerLimit(4), Limit()), 1, 4}, {GET(Default(-9), Value()), 1, -9},
       {GET(SetTheLimits(9, -9), LowerLimit()), 1, 9}, {GET(SetTheLimits(9, -9), UpperLimit()), 1, -9},
-      {GET(UpperLimit(3), LowerLimit()), 1, 0},
+      {GET(UpperLimit(3), LowerLimit()), 1, 0}, {GET(LowerLimit(3), UpperLimit()), 1, 0},
   });
 }
 
