@@ -19,8 +19,6 @@ For Each r In Array(Array("IntegerData", 7, vbInteger), Array("LongData", 7, vbL
     Else Fails 438, "", "", r(0) & " has no value member"
   On Error GoTo 0
 Next
-Set o = Make("IntegerData"): o.Value = 41
-Same o + 1, 42, 0, "the object in an expression"
 
 ' Script values into each declared type, alike by value (the Value put) and as
 ' a variable passed by reference (Add, which must not write it). Row: class,

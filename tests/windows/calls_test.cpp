@@ -107,14 +107,7 @@ struct ClassDesc {
   std::vector<DISPID> state;  // the parameterless gets
 };
 
-
-ComPtr<IDispatch> make(const ClassDesc& c) {
-  ComPtr<IClassFactory> factory;
-  ComPtr<IDispatch> out;
-  if (c.dll->get_class_object(c.clsid, IID_IClassFactory, factory.put_void()) == S_OK)
-    factory->CreateInstance(nullptr, c.iid, out.put_void());
-  return out;
-}
+ComPtr<IDispatch> make(const ClassDesc& c) { return create(*c.dll, c.clsid, c.iid); }
 
 std::string seen(const VARIANT& v, bool readable, int depth = 0, bool raw = true);
 std::string read(IDispatch* o, DISPID id) {
@@ -198,7 +191,6 @@ struct Form {
   bool array = false;      // an array: a Variant parameter takes it unread
 };
 
-VARIANT value_of(VARTYPE vt) { return v_of(vt, 0); }
 Form scalar(std::string name, VARTYPE vt, double x) {
   return {name, [vt, x](Store&, VARIANT& v) {
             v = v_of(VT_R8, x);
@@ -248,28 +240,28 @@ std::vector<Form> forms() {
       scalar("UI8 2^63", VT_UI8, 0x1p63), scalar("INT 5", VT_INT, 5), scalar("UINT 5", VT_UINT, 5),
       text("BSTR 5", L"5"), text("BSTR 1,5,9", L"1,5,9"), text("BSTR 3,5", L"3,5"), text("BSTR abc", L"abc"),
       text("BSTR empty", L""), text("BSTR 1e39", L"1e39"),
-      {"EMPTY", [](Store&, VARIANT& v) { v = value_of(VT_EMPTY); }},
-      {"NULL", [](Store&, VARIANT& v) { v = value_of(VT_NULL); }},
+      {"EMPTY", [](Store&, VARIANT& v) { v = v_of(VT_EMPTY); }},
+      {"NULL", [](Store&, VARIANT& v) { v = v_of(VT_NULL); }},
       {"missing", [](Store&, VARIANT& v) { v = v_of(VT_ERROR, SCODE{DISP_E_PARAMNOTFOUND}); },
        DISP_E_PARAMNOTOPTIONAL, false},
       {"ERROR 5", [](Store&, VARIANT& v) { v = v_of(VT_ERROR, SCODE{5}); }}, dispatch,
       {"UNKNOWN caller's", [](Store&, VARIANT& v) { v = v_of(VT_UNKNOWN, &caller_object()), v.punkVal->AddRef(); }},
-      {"DISPATCH null", [](Store&, VARIANT& v) { v = value_of(VT_DISPATCH); }},
+      {"DISPATCH null", [](Store&, VARIANT& v) { v = v_of(VT_DISPATCH); }},
       byref(dispatch), refvar(dispatch), byref(scalar("I2 3", VT_I2, 3)), byref(scalar("I4 40000", VT_I4, 40000)),
       byref(scalar("R4 0.1", VT_R4, 0.1)), byref(scalar("R8 -7.5", VT_R8, -7.5)), byref(scalar("BOOL", VT_BOOL, -1)),
       byref(text("BSTR 12", L"12")), byref(scalar("DECIMAL -2", VT_DECIMAL, -2)), refvar(scalar("I2 4", VT_I2, 4)),
       refvar(text("BSTR 6", L"6")), refvar(scalar("R8 1e10", VT_R8, 1e10)), refvar(byref(scalar("I4 2", VT_I4, 2))),
-      refvar({"EMPTY", [](Store&, VARIANT& v) { v = value_of(VT_EMPTY); }}),
+      refvar({"EMPTY", [](Store&, VARIANT& v) { v = v_of(VT_EMPTY); }}),
       // Malformed: null references, references to references (also to
       // itself), arrays, and type codes no host passes.
-      {"BYREF I2 null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_I2); }, DISP_E_TYPEMISMATCH, false},
-      {"BYREF VARIANT null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_VARIANT); }, DISP_E_TYPEMISMATCH,
+      {"BYREF I2 null", [](Store&, VARIANT& v) { v = v_of(VT_BYREF | VT_I2); }, DISP_E_TYPEMISMATCH, false},
+      {"BYREF VARIANT null", [](Store&, VARIANT& v) { v = v_of(VT_BYREF | VT_VARIANT); }, DISP_E_TYPEMISMATCH,
        false},
-      refvar({"BYREF R8 null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_R8); }, DISP_E_TYPEMISMATCH, false}),
+      refvar({"BYREF R8 null", [](Store&, VARIANT& v) { v = v_of(VT_BYREF | VT_R8); }, DISP_E_TYPEMISMATCH, false}),
       refvar({"to itself", [](Store& s, VARIANT& v) { v = v_ref(&s.inner); }, DISP_E_TYPEMISMATCH, false}),
       refvar({"BYREF VARIANT", [](Store& s, VARIANT& v) { s.top = v_i2(1), v = v_ref(&s.top); }, DISP_E_TYPEMISMATCH,
               false}),
-      refvar({"VARIANT", [](Store&, VARIANT& v) { v = value_of(VT_VARIANT); }, DISP_E_BADVARTYPE, false}),
+      refvar({"VARIANT", [](Store&, VARIANT& v) { v = v_of(VT_VARIANT); }, DISP_E_BADVARTYPE, false}),
       refvar(bogus("0x7FFF", 0x7FFF, DISP_E_BADVARTYPE)),
       // Arrays: a Variant parameter takes them, their pointers unread.
       {"ARRAY I2", [](Store& s, VARIANT& v) {
@@ -279,7 +271,7 @@ std::vector<Form> forms() {
       refvar(bogus("ARRAY VARIANT at 1", VT_ARRAY | VT_VARIANT, DISP_E_TYPEMISMATCH, true)),  // a script's Array(...)
       bogus("ARRAY I2 at 1", VT_ARRAY | VT_I2, DISP_E_TYPEMISMATCH, true),
       bogus("BYREF ARRAY VARIANT at 1", VT_BYREF | VT_ARRAY | VT_VARIANT, DISP_E_TYPEMISMATCH, true),
-      {"BYREF ARRAY I4 null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_ARRAY | VT_I4); },
+      {"BYREF ARRAY I4 null", [](Store&, VARIANT& v) { v = v_of(VT_BYREF | VT_ARRAY | VT_I4); },
        DISP_E_TYPEMISMATCH, false},
       bogus("VARIANT by value", VT_VARIANT, DISP_E_BADVARTYPE),
       bogus("BYREF EMPTY", VT_BYREF | VT_EMPTY, DISP_E_BADVARTYPE),
@@ -323,7 +315,6 @@ std::string seen(const VARIANT& v, bool readable, int depth, bool raw) {
   if (v.vt == (VT_BYREF | VT_VARIANT) && v.pvarVal && depth < 2)
     return out + "(" + seen(*v.pvarVal, true, depth + 1) + ")";
   Variant copy;
-  if ((v.vt & ~VT_BYREF) == VT_ARRAY) return out + "array";
   if (VariantCopyInd(copy.get(), const_cast<VARIANT*>(&v)) != S_OK) return out + "?";
   if (copy->vt == VT_DISPATCH || copy->vt == VT_UNKNOWN) return out + (copy->punkVal ? "object" : "null");
   if (copy->vt == VT_R4 || copy->vt == VT_R8) {
@@ -502,10 +493,10 @@ TEST_F(Calls, EveryEntryWithEveryArgumentFormAgreesAcrossPathsAndEnvironments) {
   std::printf("[ calls    ] %zu calls over %zu argument forms, %zu differences\n", calls, pool.size(), differences);
 }
 
-// Through the vtable: a failure leaves error information naming the
-// interface (the value history service's passes on as it is) and the value
-// unchanged; a text result stays empty until the operation succeeds (the
-// 32,768th item overflows the count of GiveMeYourNumbers).
+// Through the vtable (whose failures change nothing, as the driver's table
+// path shows): error information naming the interface (the value history
+// service's passes on as it is); a text result stays empty until the
+// operation succeeds (the 32,768th item overflows GiveMeYourNumbers' count).
 TEST_F(Calls, TypedCallsReportFailures) {
   ComPtr<_IntegerData> object = create<_IntegerData>(L"IntegerData");
   const IID& iid = kClasses[class_index(L"IntegerData")].iid;
@@ -514,8 +505,7 @@ TEST_F(Calls, TypedCallsReportFailures) {
   EXPECT_EQ(support->InterfaceSupportsErrorInfo(iid), S_OK);
   EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IDispatch), S_OK);
   EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IClassFactory), S_FALSE);
-  SHORT value = 0, zero = 0;
-  ASSERT_EQ(object->put_Value(2), S_OK);
+  SHORT zero = 0;
   const struct {
     std::function<HRESULT()> call;
     HRESULT hr;
@@ -535,8 +525,6 @@ TEST_F(Calls, TypedCallsReportFailures) {
     EXPECT_TRUE(guid == iid);
     EXPECT_EQ(text_of(source.get()), r.source);
     EXPECT_EQ(text_of(description.get()), r.description);
-    ASSERT_EQ(object->get_Value(&value), S_OK);
-    EXPECT_EQ(value, 2);
   }
   ComPtr<_IntegerAverage> average = create<_IntegerAverage>(L"IntegerAverage");
   SHORT item = 1;
