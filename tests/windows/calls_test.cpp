@@ -11,7 +11,8 @@
 //    object state (so the typed path equals the table path, and nothing
 //    depends on the host's floating environment);
 //  - no floating trap reaches the host; its environment is left bit for bit;
-//  - a failed call changes neither the object nor the caller's arguments;
+//  - a failed call gives no result and changes neither the object nor the
+//    caller's arguments;
 //  - a malformed argument gets the answer of its row, names the argument and
 //    is not read beyond its type code (the forms point at address 1); a
 //    reference to another type is refused by a written-back parameter, and
@@ -175,11 +176,9 @@ const std::vector<ClassDesc>& classes() {
 // may rewrite; cleared here unless it is a malformed one).
 struct Store {
   VARIANT cell{}, inner{}, top{};
-  SAFEARRAY* array = nullptr;
   ~Store() {
     VariantClear(&cell);
     if (inner.vt == VT_BSTR || inner.vt == VT_DISPATCH) VariantClear(&inner);
-    if (array) SafeArrayDestroy(array);
   }
 };
 
@@ -264,10 +263,6 @@ std::vector<Form> forms() {
       refvar({"VARIANT", [](Store&, VARIANT& v) { v = v_of(VT_VARIANT); }, DISP_E_BADVARTYPE, false}),
       refvar(bogus("0x7FFF", 0x7FFF, DISP_E_BADVARTYPE)),
       // Arrays: a Variant parameter takes them, their pointers unread.
-      {"ARRAY I2", [](Store& s, VARIANT& v) {
-         s.array = SafeArrayCreateVector(VT_I2, 0, 2);
-         v = v_of(VT_ARRAY | VT_I2, s.array);
-       }, DISP_E_TYPEMISMATCH, false, true},
       refvar(bogus("ARRAY VARIANT at 1", VT_ARRAY | VT_VARIANT, DISP_E_TYPEMISMATCH, true)),  // a script's Array(...)
       bogus("ARRAY I2 at 1", VT_ARRAY | VT_I2, DISP_E_TYPEMISMATCH, true),
       bogus("BYREF ARRAY VARIANT at 1", VT_BYREF | VT_ARRAY | VT_VARIANT, DISP_E_TYPEMISMATCH, true),
@@ -430,6 +425,7 @@ std::string call_once(const ClassDesc& c, const Entry& e, const Shape& s, Path p
   const std::string state = state_of(c, o.get());
   EXPECT_TRUE(defined(hr)) << what;
   if (FAILED(hr)) {
+    EXPECT_EQ(result->vt, VT_EMPTY) << what << ": a failed call gave a result";
     EXPECT_EQ(args_seen(true), before_args) << what << ": a failed call changed an argument";
     if (hr != DISP_E_EXCEPTION || !may_change_when_failing(c, e)) {
       EXPECT_EQ(state, before_state) << what << ": a failed call changed the object";
@@ -532,10 +528,6 @@ TEST_F(Calls, TypedCallsReportFailures) {
   BSTR text = reinterpret_cast<BSTR>(static_cast<std::uintptr_t>(1));  // whatever the caller had there
   EXPECT_EQ(average->get_GiveMeYourNumbers(&text), static_cast<HRESULT>(0x800A0006));
   EXPECT_EQ(text, nullptr);
-  Call c;
-  call(c, average.get(), L"GiveMeYourNumbers");
-  EXPECT_EQ(c.exception.scode, static_cast<SCODE>(0x800A0006));
-  EXPECT_EQ(c.result->vt, VT_EMPTY);
 }
 
 // Malformed calls of every shape, at random, on either path: wrong argument
