@@ -24,9 +24,9 @@ using valmetra::hosting::kClassCount;
 using valmetra::hosting::kClasses;
 using valmetra::hosting::kLibrary;
 
-// The library and the value history component, loaded from the build tree
-// (run.sh registers both for the whole run: the value history is found
-// through the registry).
+// The library and the value history component, loaded from where run.sh
+// registered them for the whole run (the library finds the value history
+// through the registry too).
 struct Dll {
   std::wstring path;
   HRESULT(WINAPI* get_class_object)(REFCLSID, REFIID, void**) = nullptr;
