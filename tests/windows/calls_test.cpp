@@ -110,7 +110,30 @@ struct ClassDesc {
 
 ComPtr<IDispatch> make(const ClassDesc& c) { return create(*c.dll, c.clsid, c.iid); }
 
-std::string seen(const VARIANT& v, bool readable, int depth = 0, bool raw = true);
+// What a caller can see of an argument (its pointers followed only when
+// the form allows).
+std::string seen(const VARIANT& v, bool readable, int depth = 0, bool raw = true) {
+  std::string out = std::to_string(v.vt) + ":";
+  if (!readable) {  // the VARIANT's own bits only (the address, when `raw`)
+    char bits[40];
+    std::snprintf(bits, sizeof bits, "%p", raw ? v.byref : nullptr);
+    return out + bits;
+  }
+  if (v.vt == (VT_BYREF | VT_VARIANT) && v.pvarVal && depth < 2)
+    return out + "(" + seen(*v.pvarVal, true, depth + 1) + ")";
+  Variant copy;
+  if (VariantCopyInd(copy.get(), const_cast<VARIANT*>(&v)) != S_OK) return out + "?";
+  if (copy->vt == VT_DISPATCH || copy->vt == VT_UNKNOWN) return out + (copy->punkVal ? "object" : "null");
+  if (copy->vt == VT_R4 || copy->vt == VT_R8) {
+    const double d = copy->vt == VT_R4 ? copy->fltVal : copy->dblVal;
+    char s[40];
+    std::snprintf(s, sizeof s, "%a", d);
+    return out + s;
+  }
+  if (VariantChangeType(copy.get(), copy.get(), 0, VT_BSTR) != S_OK) return out + "-";
+  return out + narrow(text_of(copy->bstrVal));
+}
+
 std::string read(IDispatch* o, DISPID id) {
   Call call;
   invoke(call, o, id, DISPATCH_PROPERTYGET, {});
@@ -296,30 +319,6 @@ void plain(const Param& p, Store& s, VARIANT& v) {
   value = p.type == VT_BSTR ? v_text(L"2") : v_i2(2);
   if (p.type != VT_I2 && p.type != VT_BSTR && p.type != VT_VARIANT) VariantChangeType(&value, &value, 0, p.type);
   if (&value != &v) v = v_ref(&s.inner);
-}
-
-// What a caller can see of an argument (its pointers followed only when
-// the form allows).
-std::string seen(const VARIANT& v, bool readable, int depth, bool raw) {
-  std::string out = std::to_string(v.vt) + ":";
-  if (!readable) {  // the VARIANT's own bits only (the address, when `raw`)
-    char bits[40];
-    std::snprintf(bits, sizeof bits, "%p", raw ? v.byref : nullptr);
-    return out + bits;
-  }
-  if (v.vt == (VT_BYREF | VT_VARIANT) && v.pvarVal && depth < 2)
-    return out + "(" + seen(*v.pvarVal, true, depth + 1) + ")";
-  Variant copy;
-  if (VariantCopyInd(copy.get(), const_cast<VARIANT*>(&v)) != S_OK) return out + "?";
-  if (copy->vt == VT_DISPATCH || copy->vt == VT_UNKNOWN) return out + (copy->punkVal ? "object" : "null");
-  if (copy->vt == VT_R4 || copy->vt == VT_R8) {
-    const double d = copy->vt == VT_R4 ? copy->fltVal : copy->dblVal;
-    char s[40];
-    std::snprintf(s, sizeof s, "%a", d);
-    return out + s;
-  }
-  if (VariantChangeType(copy.get(), copy.get(), 0, VT_BSTR) != S_OK) return out + "-";
-  return out + narrow(text_of(copy->bstrVal));
 }
 
 // The object's state: every parameterless get, and the thread's history.
