@@ -28,26 +28,24 @@ each_dll() { for f in Valmetra-445.Dll ValueStack.dll; do "${@//@DLL@/$f}" || re
 # snap <n> [<base> [<hive> <dir>]]: registry snapshot n, compared with snapshot base (reg.py diff).
 snap() { mkdir -p "$W/$1" && { wine "$CLIENT" save "$(wz "$W/$1")" || ! echo "deploy_client save: exit $?"; } &&
   { [ $# = 1 ] || $REG diff $ARCH "$W/$2" "$W/$1" "${@:3}"; }; }
-# pe_kind <file>: this arch's kind of program, importing system DLLs only.
+# pe_kind <file>: this arch's kind of program, importing system DLLs only; a DLL exports exactly the four
+# entry points of an in-process server.
 pe_kind() { ${TRIPLE}-objdump -p "$STAGE/$ARCH/$1" >"$W/pe" && grep -q "Magic.*($MAGIC)" "$W/pe" &&
-  ! grep "DLL Name" "$W/pe" | grep -viE " (kernel32|msvcrt|ole32|oleaut32|advapi32|user32|ntdll|ucrtbase)\.dll"; }
+  ! grep "DLL Name" "$W/pe" | grep -viE " ((kernel32|msvcrt|ole32|oleaut32|advapi32|user32|ntdll|shlwapi|rpcrt4|ucrtbase)\.dll|api-ms-win-.*)$" &&
+  { [[ $1 == *.exe ]] || awk '/^\[Ordinal\/Name Pointer\] Table/ {on=1; next} on && /^\t\[/ {print $3} on && /^$/ {exit}' "$W/pe" |
+    sort | xargs | tee /dev/stderr | grep -qx "DllCanUnloadNow DllGetClassObject DllRegisterServer DllUnregisterServer"; }; }
 files() { (cd "$WINEPREFIX/drive_c" && find . -path ./windows/temp -prune -o -path './users/*/Temp' -prune -o -print | grep -v '^./windows/Installer' | sort); }
 
 PATHS='registration-free: application manifest, every class and type library|wine "$A\\deploy_client.exe" com "$LIST"
 examples/cpp registration_free.exe|says "registration_free: ok$" wine "$A\\registration_free.exe"
 registration-free use writes no key|snap 1 0
-regsvr32 both DLLs|each_dll wine "$REGSVR32" /s "$D\\@DLL@"
-regsvr32: HKLM gains exactly the registration record, HKCU nothing|snap 2 1 HKLM "$D"
-regsvr32: every class by ProgID and CLSID, by name; type libraries|wine "$CLIENT" com "$LIST"
+valmetra-register /machine both DLLs (it calls the entry point as regsvr32 does)|each_dll wine "$D\\valmetra-register.exe" /machine /quiet "$D\\@DLL@"
+/machine: HKLM gains exactly the registration record, HKCU nothing|snap 2 1 HKLM "$D"
+/machine: every class by ProgID and CLSID, by name; type libraries|wine "$CLIENT" com "$LIST"
 examples/cpp early_bound.exe|says "early_bound: ok$" wine "$A\\early_bound.exe"
 examples/cpp late_bound.exe|says "late_bound: ok$" wine "$A\\late_bound.exe"
 regsvr32 /u both DLLs|each_dll wine "$REGSVR32" /s /u "$D\\@DLL@"
-regsvr32 /u gives the registry back|snap 3 1
-valmetra-register /machine both DLLs|each_dll wine "$D\\valmetra-register.exe" /machine /quiet "$D\\@DLL@"
-/machine: HKLM gains exactly the registration record, HKCU nothing|snap 4 1 HKLM "$D"
-valmetra-register /machine /unregister both DLLs|each_dll wine "$D\\valmetra-register.exe" /machine /unregister /quiet "$D\\@DLL@"
-/machine /unregister gives the registry back|snap 5 1
-after unregistration no class and no type library resolves|wine "$CLIENT" none "$LIST"
+regsvr32 /u gives the registry back (as before registration, when nothing resolved)|snap 3 1
 valmetra-register /?: exit 0, usage|says "usage: valmetra-register" wine "$R" /? && [ $RC = 0 ]
 valmetra-register --help: exit 0, usage|says "usage: valmetra-register" wine "$R" --help && [ $RC = 0 ]
 valmetra-register with a DLL that does not exist: exit 126, not found|says "not found" wine "$R" /user "C:\\nowhere\\none.dll" && [ $RC = 126 ]
@@ -55,17 +53,17 @@ valmetra-register with the $OTHER DLL: exit 193, use the $OTHER tool|says "use t
 valmetra-register with a program: exit 193, not a library|says "a program, not a library" wine "$R" /user "$R" && [ $RC = 193 ]
 valmetra-register /user /machine: exit 87, usage|says "usage: valmetra-register" wine "$R" /user /machine "C:\\x.dll" && [ $RC = 87 ]
 valmetra-register /user both DLLs|each_dll wine "$R" /user /quiet "$M\\@DLL@"
-/user: HKCU gains exactly the registration record, HKLM nothing|snap 6 1 HKCU "$M"
-valmetra-register /user both DLLs again: the same record|each_dll wine "$R" /user /quiet "$M\\@DLL@" && snap 7 1 HKCU "$M"
+/user: HKCU gains exactly the registration record, HKLM nothing|snap 4 1 HKCU "$M"
+valmetra-register /user both DLLs again: the same record|each_dll wine "$R" /user /quiet "$M\\@DLL@" && snap 5 1 HKCU "$M"
 /user: the HKCU record followed to working objects and type libraries|wine "$CLIENT" follow "$LIST"
 valmetra-register /user /unregister both DLLs|each_dll wine "$R" /user /unregister /quiet "$M\\@DLL@"
-/user /unregister gives HKCU back and leaves HKLM|snap 8 1
+/user /unregister gives HKCU back and leaves HKLM|snap 6 1
 msiexec /i|wine msiexec /i "$MSI" /qn
-msi: HKLM gains exactly the registration record, HKCU nothing|snap 9 8 HKLM "$T"
+msi: HKLM gains exactly the registration record, HKCU nothing|snap 7 6 HKLM "$T"
 msi: the DLLs installed|each_dll cmp "$(unix "$T")/@DLL@" "$STAGE/$ARCH/@DLL@"
 msi: every class from C++|wine "$CLIENT" com "$LIST"
 msiexec /x|wine msiexec /x "$MSI" /qn
-uninstall leaves no key|snap 10 0
+uninstall leaves no key|snap 8 0
 ... and no file|rm -rf "$(unix "$A")" "$(unix "$D")" "$(unix "$M")" && files | diff "$W/files0" -'
 
 stage() {
@@ -110,7 +108,8 @@ for ARCH in x64 x86; do
   R="$M\\valmetra-register.exe" MSI=$(wz "$STAGE/KARVO-Valmetra-$ARCH.msi") LIST=$(wz "$STAGE/classes.txt") CLIENT=$B/dep-tools/$ARCH/deploy_client.exe
   [ -f "$STAGE/KARVO-Valmetra-$ARCH.msi" ] || { note FAIL "nothing staged"; continue; }
   expect "manifest against the catalogue" '$REG static $ARCH "$STAGE"'
-  expect "valmetra-register.exe is $MAGIC and imports system DLLs only" 'pe_kind valmetra-register.exe'
+  expect "valmetra-register.exe and both DLLs are $MAGIC, import system DLLs only; the DLLs export the four entry points" \
+    'pe_kind valmetra-register.exe && each_dll pe_kind @DLL@'
   if [ $ARCH = x86 ] && ! W32BIN=$("$ROOT/tools/wine32/provide.sh"); then
     [ "${VALMETRA_SKIP_X86:-}" = 1 ] && note SKIP "no 32-bit Wine (VALMETRA_SKIP_X86=1): registration, activation, package" ||
       note FAIL "no 32-bit Wine: tools/wine32/provide.sh failed"; continue

@@ -11,7 +11,8 @@
 //    object state (so the typed path equals the table path, and nothing
 //    depends on the host's floating environment);
 //  - no floating trap reaches the host; its environment is left bit for bit;
-//  - a failed call changes neither the object nor the caller's arguments;
+//  - a failed call gives no result and changes neither the object nor the
+//    caller's arguments;
 //  - a malformed argument gets the answer of its row, names the argument and
 //    is not read beyond its type code (the forms point at address 1); a
 //    reference to another type is refused by a written-back parameter, and
@@ -107,16 +108,32 @@ struct ClassDesc {
   std::vector<DISPID> state;  // the parameterless gets
 };
 
+ComPtr<IDispatch> make(const ClassDesc& c) { return create(*c.dll, c.clsid, c.iid); }
 
-ComPtr<IDispatch> make(const ClassDesc& c) {
-  ComPtr<IClassFactory> factory;
-  ComPtr<IDispatch> out;
-  if (c.dll->get_class_object(c.clsid, IID_IClassFactory, factory.put_void()) == S_OK)
-    factory->CreateInstance(nullptr, c.iid, out.put_void());
-  return out;
+// What a caller can see of an argument (its pointers followed only when
+// the form allows).
+std::string seen(const VARIANT& v, bool readable, int depth = 0, bool raw = true) {
+  std::string out = std::to_string(v.vt) + ":";
+  if (!readable) {  // the VARIANT's own bits only (the address, when `raw`)
+    char bits[40];
+    std::snprintf(bits, sizeof bits, "%p", raw ? v.byref : nullptr);
+    return out + bits;
+  }
+  if (v.vt == (VT_BYREF | VT_VARIANT) && v.pvarVal && depth < 2)
+    return out + "(" + seen(*v.pvarVal, true, depth + 1) + ")";
+  Variant copy;
+  if (VariantCopyInd(copy.get(), const_cast<VARIANT*>(&v)) != S_OK) return out + "?";
+  if (copy->vt == VT_DISPATCH || copy->vt == VT_UNKNOWN) return out + (copy->punkVal ? "object" : "null");
+  if (copy->vt == VT_R4 || copy->vt == VT_R8) {
+    const double d = copy->vt == VT_R4 ? copy->fltVal : copy->dblVal;
+    char s[40];
+    std::snprintf(s, sizeof s, "%a", d);
+    return out + s;
+  }
+  if (VariantChangeType(copy.get(), copy.get(), 0, VT_BSTR) != S_OK) return out + "-";
+  return out + narrow(text_of(copy->bstrVal));
 }
 
-std::string seen(const VARIANT& v, bool readable, int depth = 0, bool raw = true);
 std::string read(IDispatch* o, DISPID id) {
   Call call;
   invoke(call, o, id, DISPATCH_PROPERTYGET, {});
@@ -182,11 +199,9 @@ const std::vector<ClassDesc>& classes() {
 // may rewrite; cleared here unless it is a malformed one).
 struct Store {
   VARIANT cell{}, inner{}, top{};
-  SAFEARRAY* array = nullptr;
   ~Store() {
     VariantClear(&cell);
     if (inner.vt == VT_BSTR || inner.vt == VT_DISPATCH) VariantClear(&inner);
-    if (array) SafeArrayDestroy(array);
   }
 };
 
@@ -198,7 +213,6 @@ struct Form {
   bool array = false;      // an array: a Variant parameter takes it unread
 };
 
-VARIANT value_of(VARTYPE vt) { return v_of(vt, 0); }
 Form scalar(std::string name, VARTYPE vt, double x) {
   return {name, [vt, x](Store&, VARIANT& v) {
             v = v_of(VT_R8, x);
@@ -248,38 +262,34 @@ std::vector<Form> forms() {
       scalar("UI8 2^63", VT_UI8, 0x1p63), scalar("INT 5", VT_INT, 5), scalar("UINT 5", VT_UINT, 5),
       text("BSTR 5", L"5"), text("BSTR 1,5,9", L"1,5,9"), text("BSTR 3,5", L"3,5"), text("BSTR abc", L"abc"),
       text("BSTR empty", L""), text("BSTR 1e39", L"1e39"),
-      {"EMPTY", [](Store&, VARIANT& v) { v = value_of(VT_EMPTY); }},
-      {"NULL", [](Store&, VARIANT& v) { v = value_of(VT_NULL); }},
+      {"EMPTY", [](Store&, VARIANT& v) { v = v_of(VT_EMPTY); }},
+      {"NULL", [](Store&, VARIANT& v) { v = v_of(VT_NULL); }},
       {"missing", [](Store&, VARIANT& v) { v = v_of(VT_ERROR, SCODE{DISP_E_PARAMNOTFOUND}); },
        DISP_E_PARAMNOTOPTIONAL, false},
       {"ERROR 5", [](Store&, VARIANT& v) { v = v_of(VT_ERROR, SCODE{5}); }}, dispatch,
       {"UNKNOWN caller's", [](Store&, VARIANT& v) { v = v_of(VT_UNKNOWN, &caller_object()), v.punkVal->AddRef(); }},
-      {"DISPATCH null", [](Store&, VARIANT& v) { v = value_of(VT_DISPATCH); }},
+      {"DISPATCH null", [](Store&, VARIANT& v) { v = v_of(VT_DISPATCH); }},
       byref(dispatch), refvar(dispatch), byref(scalar("I2 3", VT_I2, 3)), byref(scalar("I4 40000", VT_I4, 40000)),
       byref(scalar("R4 0.1", VT_R4, 0.1)), byref(scalar("R8 -7.5", VT_R8, -7.5)), byref(scalar("BOOL", VT_BOOL, -1)),
       byref(text("BSTR 12", L"12")), byref(scalar("DECIMAL -2", VT_DECIMAL, -2)), refvar(scalar("I2 4", VT_I2, 4)),
       refvar(text("BSTR 6", L"6")), refvar(scalar("R8 1e10", VT_R8, 1e10)), refvar(byref(scalar("I4 2", VT_I4, 2))),
-      refvar({"EMPTY", [](Store&, VARIANT& v) { v = value_of(VT_EMPTY); }}),
+      refvar({"EMPTY", [](Store&, VARIANT& v) { v = v_of(VT_EMPTY); }}),
       // Malformed: null references, references to references (also to
       // itself), arrays, and type codes no host passes.
-      {"BYREF I2 null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_I2); }, DISP_E_TYPEMISMATCH, false},
-      {"BYREF VARIANT null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_VARIANT); }, DISP_E_TYPEMISMATCH,
+      {"BYREF I2 null", [](Store&, VARIANT& v) { v = v_of(VT_BYREF | VT_I2); }, DISP_E_TYPEMISMATCH, false},
+      {"BYREF VARIANT null", [](Store&, VARIANT& v) { v = v_of(VT_BYREF | VT_VARIANT); }, DISP_E_TYPEMISMATCH,
        false},
-      refvar({"BYREF R8 null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_R8); }, DISP_E_TYPEMISMATCH, false}),
+      refvar({"BYREF R8 null", [](Store&, VARIANT& v) { v = v_of(VT_BYREF | VT_R8); }, DISP_E_TYPEMISMATCH, false}),
       refvar({"to itself", [](Store& s, VARIANT& v) { v = v_ref(&s.inner); }, DISP_E_TYPEMISMATCH, false}),
       refvar({"BYREF VARIANT", [](Store& s, VARIANT& v) { s.top = v_i2(1), v = v_ref(&s.top); }, DISP_E_TYPEMISMATCH,
               false}),
-      refvar({"VARIANT", [](Store&, VARIANT& v) { v = value_of(VT_VARIANT); }, DISP_E_BADVARTYPE, false}),
+      refvar({"VARIANT", [](Store&, VARIANT& v) { v = v_of(VT_VARIANT); }, DISP_E_BADVARTYPE, false}),
       refvar(bogus("0x7FFF", 0x7FFF, DISP_E_BADVARTYPE)),
       // Arrays: a Variant parameter takes them, their pointers unread.
-      {"ARRAY I2", [](Store& s, VARIANT& v) {
-         s.array = SafeArrayCreateVector(VT_I2, 0, 2);
-         v = v_of(VT_ARRAY | VT_I2, s.array);
-       }, DISP_E_TYPEMISMATCH, false, true},
       refvar(bogus("ARRAY VARIANT at 1", VT_ARRAY | VT_VARIANT, DISP_E_TYPEMISMATCH, true)),  // a script's Array(...)
       bogus("ARRAY I2 at 1", VT_ARRAY | VT_I2, DISP_E_TYPEMISMATCH, true),
       bogus("BYREF ARRAY VARIANT at 1", VT_BYREF | VT_ARRAY | VT_VARIANT, DISP_E_TYPEMISMATCH, true),
-      {"BYREF ARRAY I4 null", [](Store&, VARIANT& v) { v = value_of(VT_BYREF | VT_ARRAY | VT_I4); },
+      {"BYREF ARRAY I4 null", [](Store&, VARIANT& v) { v = v_of(VT_BYREF | VT_ARRAY | VT_I4); },
        DISP_E_TYPEMISMATCH, false},
       bogus("VARIANT by value", VT_VARIANT, DISP_E_BADVARTYPE),
       bogus("BYREF EMPTY", VT_BYREF | VT_EMPTY, DISP_E_BADVARTYPE),
@@ -309,31 +319,6 @@ void plain(const Param& p, Store& s, VARIANT& v) {
   value = p.type == VT_BSTR ? v_text(L"2") : v_i2(2);
   if (p.type != VT_I2 && p.type != VT_BSTR && p.type != VT_VARIANT) VariantChangeType(&value, &value, 0, p.type);
   if (&value != &v) v = v_ref(&s.inner);
-}
-
-// What a caller can see of an argument (its pointers followed only when
-// the form allows).
-std::string seen(const VARIANT& v, bool readable, int depth, bool raw) {
-  std::string out = std::to_string(v.vt) + ":";
-  if (!readable) {  // the VARIANT's own bits only (the address, when `raw`)
-    char bits[40];
-    std::snprintf(bits, sizeof bits, "%p", raw ? v.byref : nullptr);
-    return out + bits;
-  }
-  if (v.vt == (VT_BYREF | VT_VARIANT) && v.pvarVal && depth < 2)
-    return out + "(" + seen(*v.pvarVal, true, depth + 1) + ")";
-  Variant copy;
-  if ((v.vt & ~VT_BYREF) == VT_ARRAY) return out + "array";
-  if (VariantCopyInd(copy.get(), const_cast<VARIANT*>(&v)) != S_OK) return out + "?";
-  if (copy->vt == VT_DISPATCH || copy->vt == VT_UNKNOWN) return out + (copy->punkVal ? "object" : "null");
-  if (copy->vt == VT_R4 || copy->vt == VT_R8) {
-    const double d = copy->vt == VT_R4 ? copy->fltVal : copy->dblVal;
-    char s[40];
-    std::snprintf(s, sizeof s, "%a", d);
-    return out + s;
-  }
-  if (VariantChangeType(copy.get(), copy.get(), 0, VT_BSTR) != S_OK) return out + "-";
-  return out + narrow(text_of(copy->bstrVal));
 }
 
 // The object's state: every parameterless get, and the thread's history.
@@ -439,6 +424,7 @@ std::string call_once(const ClassDesc& c, const Entry& e, const Shape& s, Path p
   const std::string state = state_of(c, o.get());
   EXPECT_TRUE(defined(hr)) << what;
   if (FAILED(hr)) {
+    EXPECT_EQ(result->vt, VT_EMPTY) << what << ": a failed call gave a result";
     EXPECT_EQ(args_seen(true), before_args) << what << ": a failed call changed an argument";
     if (hr != DISP_E_EXCEPTION || !may_change_when_failing(c, e)) {
       EXPECT_EQ(state, before_state) << what << ": a failed call changed the object";
@@ -497,15 +483,14 @@ TEST_F(Calls, EveryEntryWithEveryArgumentFormAgreesAcrossPathsAndEnvironments) {
   clear_history();
   RemoveVectoredExceptionHandler(handler);
   EXPECT_EQ(leaks.unfreed(), "");
-  EXPECT_EQ(g_traps, 0);
   EXPECT_EQ(caller_object().refs(), 1u) << "the library kept or dropped a reference to the caller's object";
   std::printf("[ calls    ] %zu calls over %zu argument forms, %zu differences\n", calls, pool.size(), differences);
 }
 
-// Through the vtable: a failure leaves error information naming the
-// interface (the value history service's passes on as it is) and the value
-// unchanged; a text result stays empty until the operation succeeds (the
-// 32,768th item overflows the count of GiveMeYourNumbers).
+// Through the vtable (whose failures change nothing, as the driver's table
+// path shows): error information naming the interface (the value history
+// service's passes on as it is); a text result stays empty until the
+// operation succeeds (the 32,768th item overflows GiveMeYourNumbers' count).
 TEST_F(Calls, TypedCallsReportFailures) {
   ComPtr<_IntegerData> object = create<_IntegerData>(L"IntegerData");
   const IID& iid = kClasses[class_index(L"IntegerData")].iid;
@@ -514,8 +499,7 @@ TEST_F(Calls, TypedCallsReportFailures) {
   EXPECT_EQ(support->InterfaceSupportsErrorInfo(iid), S_OK);
   EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IDispatch), S_OK);
   EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IClassFactory), S_FALSE);
-  SHORT value = 0, zero = 0;
-  ASSERT_EQ(object->put_Value(2), S_OK);
+  SHORT zero = 0;
   const struct {
     std::function<HRESULT()> call;
     HRESULT hr;
@@ -535,8 +519,6 @@ TEST_F(Calls, TypedCallsReportFailures) {
     EXPECT_TRUE(guid == iid);
     EXPECT_EQ(text_of(source.get()), r.source);
     EXPECT_EQ(text_of(description.get()), r.description);
-    ASSERT_EQ(object->get_Value(&value), S_OK);
-    EXPECT_EQ(value, 2);
   }
   ComPtr<_IntegerAverage> average = create<_IntegerAverage>(L"IntegerAverage");
   SHORT item = 1;
@@ -544,10 +526,6 @@ TEST_F(Calls, TypedCallsReportFailures) {
   BSTR text = reinterpret_cast<BSTR>(static_cast<std::uintptr_t>(1));  // whatever the caller had there
   EXPECT_EQ(average->get_GiveMeYourNumbers(&text), static_cast<HRESULT>(0x800A0006));
   EXPECT_EQ(text, nullptr);
-  Call c;
-  call(c, average.get(), L"GiveMeYourNumbers");
-  EXPECT_EQ(c.exception.scode, static_cast<SCODE>(0x800A0006));
-  EXPECT_EQ(c.result->vt, VT_EMPTY);
 }
 
 // Malformed calls of every shape, at random, on either path: wrong argument
@@ -581,9 +559,7 @@ TEST_F(Calls, RandomHostileCalls) {
     ++calls;
   }
   RemoveVectoredExceptionHandler(handler);
-  clear_history();
   EXPECT_FALSE(HasFailure()) << "seed " << seed << " call " << calls;
-  EXPECT_EQ(g_traps, 0);
   EXPECT_EQ(caller_object().refs(), 1u);
   std::printf("[ random   ] %zu calls\n", calls);
 }

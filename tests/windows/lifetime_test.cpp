@@ -4,7 +4,6 @@
 // with its apartment and is never seen by another, also while several
 // apartments hammer theirs at once.
 #include <chrono>
-#include <cstdio>
 #include <thread>
 
 #include "support.h"
@@ -130,11 +129,6 @@ TEST_F(Lifetime, FactoryLocksAcrossFactoriesAndThreads) {
   EXPECT_TRUE(nothing_alive());
   for (int i = 0; i < 2; ++i) EXPECT_EQ(lock(L"LongData", FALSE), E_UNEXPECTED);
   EXPECT_TRUE(nothing_alive());
-  // A lock taken again after the refusals counts as one.
-  ASSERT_EQ(lock(L"LongData", TRUE), S_OK);
-  EXPECT_FALSE(nothing_alive());
-  ASSERT_EQ(lock(L"LongData", FALSE), S_OK);
-  EXPECT_TRUE(nothing_alive());
 }
 
 // Global instances and the history live until the apartment ends, however
@@ -179,7 +173,6 @@ TEST(Apartments, FourApartmentsHammerTheirOwnObjectsGlobalsAndHistories) {
   ASSERT_TRUE(mine->put_Value(11) == S_OK && witness->put_Value(7) == S_OK && witness->Push() == S_OK);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(2500);
   std::vector<std::string> failures(4);
-  std::vector<long long> calls(4);
   std::vector<std::thread> threads;
   for (int t = 1; t <= 4; ++t)
     threads.emplace_back([&, t] {
@@ -189,7 +182,8 @@ TEST(Apartments, FourApartmentsHammerTheirOwnObjectsGlobalsAndHistories) {
       SHORT start = -1;
       if (global->get_Value(&start) || start != 0) fail("a new apartment's global instance");
       if (create<_IntegerData>(L"IntegerData")->Pop() != kHistoryEmpty) fail("a new apartment's history");
-      for (long round = 0; std::chrono::steady_clock::now() < deadline; ++round) {
+      long round = 0;
+      for (; std::chrono::steady_clock::now() < deadline; ++round) {
         auto integer = create<_IntegerData>(L"IntegerData");
         for (int k = 0; k < 16; ++k) {
           const SHORT v = static_cast<SHORT>(t * 1000 + static_cast<int>(round % 100) * 10 + k);
@@ -204,8 +198,8 @@ TEST(Apartments, FourApartmentsHammerTheirOwnObjectsGlobalsAndHistories) {
         SHORT seen = 0;
         if (global->put_Value(value) || global_of<_IntegerData>(L"IntegerData")->get_Value(&seen) || seen != value)
           fail("global instance");
-        calls[t - 1] += 67;
       }
+      if (round < 16) fail("too few rounds to overlap the others");
     });
   bool dropped_to_zero = false;
   while (std::chrono::steady_clock::now() < deadline) {
@@ -213,15 +207,11 @@ TEST(Apartments, FourApartmentsHammerTheirOwnObjectsGlobalsAndHistories) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   for (auto& th : threads) th.join();
-  for (int t = 0; t < 4; ++t) {
-    EXPECT_EQ(failures[t], "") << "thread " << t + 1;
-    EXPECT_GT(calls[t], 1000) << "thread " << t + 1;
-  }
+  for (int t = 0; t < 4; ++t) EXPECT_EQ(failures[t], "") << "thread " << t + 1;
   EXPECT_FALSE(dropped_to_zero) << "the live count reached zero while an object was alive";
   SHORT value = 0;
   EXPECT_TRUE(mine->get_Value(&value) == S_OK && value == 11) << "this apartment's global instance";
   EXPECT_TRUE(witness->Pop() == S_OK && witness->get_Value(&value) == S_OK && value == 7) << "this apartment's history";
-  std::printf("[ threads  ] 4 apartments: %lld calls\n", calls[0] + calls[1] + calls[2] + calls[3]);
 }
 
 }  // namespace

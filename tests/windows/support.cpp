@@ -3,31 +3,32 @@
 #include <map>
 #include <mutex>
 
+#include "valuestack.h"
+
 namespace vt {
 
 namespace {
 
 Dll g_library, g_value_stack;
 
-void load(Dll& d, const wchar_t* relative) {
-  wchar_t buffer[MAX_PATH];
-  std::wstring path(buffer, GetModuleFileNameW(nullptr, buffer, MAX_PATH));
-  path = path.substr(0, path.find_last_of(L"\\/") + 1) + relative;
-  for (auto& c : path)
-    if (c == L'/') c = L'\\';
-  const HMODULE module = LoadLibraryW(path.c_str());
-  ASSERT_TRUE(module) << "cannot load " << narrow(path);
+// The DLL registered as the class's in-process server.
+void load(Dll& d, REFCLSID clsid) {
+  wchar_t id[40], buffer[MAX_PATH];
+  DWORD size = sizeof buffer;
+  StringFromGUID2(clsid, id, 40);
+  ASSERT_EQ(RegGetValueW(HKEY_CLASSES_ROOT, (L"CLSID\\" + std::wstring(id) + L"\\InprocServer32").c_str(), nullptr,
+                         RRF_RT_REG_SZ, nullptr, buffer, &size), ERROR_SUCCESS) << "not registered: " << narrow(id);
+  const HMODULE module = LoadLibraryW(buffer);
+  ASSERT_TRUE(module) << "cannot load " << narrow(buffer);
   d.path.assign(buffer, GetModuleFileNameW(module, buffer, MAX_PATH));
   auto entry = [&](const char* name) { return reinterpret_cast<void*>(GetProcAddress(module, name)); };
   d.get_class_object = reinterpret_cast<decltype(d.get_class_object)>(entry("DllGetClassObject"));
   d.can_unload_now = reinterpret_cast<decltype(d.can_unload_now)>(entry("DllCanUnloadNow"));
-  auto register_server = reinterpret_cast<HRESULT(WINAPI*)()>(entry("DllRegisterServer"));
-  ASSERT_TRUE(d.get_class_object && d.can_unload_now && register_server);
-  ASSERT_EQ(register_server(), S_OK);
+  ASSERT_TRUE(d.get_class_object && d.can_unload_now);
 }
 
 struct Environment : ::testing::Environment {
-  void SetUp() override { load(g_library, VALMETRA_DLL_FROM_TESTS), load(g_value_stack, VALUESTACK_DLL_FROM_TESTS); }
+  void SetUp() override { load(g_library, kClasses[0].clsid), load(g_value_stack, CLSID_ValueStack); }
 };
 
 }  // namespace

@@ -24,8 +24,9 @@ using valmetra::hosting::kClassCount;
 using valmetra::hosting::kClasses;
 using valmetra::hosting::kLibrary;
 
-// The library and the value history component, loaded from the build tree
-// and registered for the whole run (the value history is found through it).
+// The library and the value history component, loaded from where run.sh
+// registered them for the whole run (the library finds the value history
+// through the registry too).
 struct Dll {
   std::wstring path;
   HRESULT(WINAPI* get_class_object)(REFCLSID, REFIID, void**) = nullptr;
@@ -52,27 +53,27 @@ class ApartmentTest : public ::testing::Test {
   Apartment apartment_;
 };
 
-// A new object of the catalogue class through the library's factory, as
-// IDispatch or as the class's own interface.
+// A new object through the DLL's factory, answering `iid`.
+template <class I = IDispatch>
+ComPtr<I> create(const Dll& dll, REFCLSID clsid, REFIID iid) {
+  ComPtr<IClassFactory> factory;
+  ComPtr<I> out;
+  EXPECT_EQ(dll.get_class_object(clsid, IID_IClassFactory, factory.put_void()), S_OK);
+  EXPECT_EQ(factory ? factory->CreateInstance(nullptr, iid, out.put_void()) : E_FAIL, S_OK);
+  return out;
+}
+// One of the catalogue class, as IDispatch or as the class's own interface.
 template <class I = IDispatch>
 ComPtr<I> create(const wchar_t* class_name) {
-  ComPtr<I> out;
-  ComPtr<IClassFactory> factory;
   const auto& c = kClasses[class_index(class_name)];
-  EXPECT_EQ(library().get_class_object(c.clsid, IID_IClassFactory, factory.put_void()), S_OK);
-  if (factory) {
-    EXPECT_EQ(factory->CreateInstance(nullptr, std::is_same_v<I, IDispatch> ? IID_IDispatch : c.iid, out.put_void()),
-              S_OK);
-  }
-  return out;
+  return create<I>(library(), c.clsid, std::is_same_v<I, IDispatch> ? IID_IDispatch : c.iid);
 }
 
 // VARIANT builders (the caller's variables of a script host). Every member
-// of the VARIANT's union starts at the same place.
-template <class T>
-VARIANT v_of(VARTYPE vt, T value) {
-  VARIANT r;
-  VariantInit(&r);
+// of the VARIANT's union starts at the same place; the rest is zero.
+template <class T = void*>
+VARIANT v_of(VARTYPE vt, T value = nullptr) {
+  VARIANT r{};
   r.vt = vt;
   std::memcpy(&r.iVal, &value, sizeof value);
   return r;
