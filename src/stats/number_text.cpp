@@ -16,7 +16,6 @@ namespace valmetra {
 
 namespace {
 
-constexpr bool is_blank(char16_t c) noexcept { return c == u' ' || c == u'\t'; }
 constexpr bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
 
 // A run of decimal digits. The scans of the general reader below need no
@@ -101,17 +100,15 @@ std::optional<double> quick_text_to_number(std::u16string_view text) {
 
 
 double text_to_number(std::u16string_view text) {
-  std::size_t first = 0;
-  std::size_t last = text.size();
-  while (first < last && is_blank(text[first])) ++first;
-  while (last > first && is_blank(text[last - 1])) --last;
-  if (first == last) raise_type_mismatch();
-  if (const auto quick = quick_text_to_number(text.substr(first, last - first))) return *quick;
+  constexpr std::u16string_view kBlanks = u" \t";
+  const std::size_t first = text.find_first_not_of(kBlanks);
+  if (first == std::u16string_view::npos) raise_type_mismatch();
+  text = text.substr(first, text.find_last_not_of(kBlanks) + 1 - first);
+  if (const auto quick = quick_text_to_number(text)) return *quick;
 
   // Only ASCII can be part of a number; narrow it once.
   std::string s;
-  for (std::size_t i = first; i < last; ++i) {
-    const char16_t c = text[i];
+  for (const char16_t c : text) {
     if (c > 0x7F) raise_type_mismatch();
     s.push_back(static_cast<char>(c));
   }
