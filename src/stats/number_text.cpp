@@ -185,27 +185,24 @@ void append_single_text(std::u16string& out, Single value) {
   const bool negative = std::signbit(value);
   const Single magnitude = std::fabs(value);
 
-  // Scientific form of the magnitude: d[.ddd]e(+|-)dd
+  // Scientific form of the magnitude, d[.ddd]e(+|-)dd: the shortest, or
+  // rounded to 7 significant digits when the shortest has more. Its digits
+  // (at most nine) go to `digits`; p stops at the 'e'.
   std::array<char, 48> buf{};
-  std::to_chars_result r =
-      std::to_chars(buf.data(), buf.data() + buf.size(), magnitude, std::chars_format::scientific);
-  auto significant = [&] {
-    int n = 0;
-    for (const char* p = buf.data(); *p != 'e'; ++p) n += is_digit(*p) ? 1 : 0;
-    return n;
-  };
-  if (significant() > 7) {
-    r = std::to_chars(buf.data(), buf.data() + buf.size(), magnitude, std::chars_format::scientific, 6);
-  }
-
-  const char* p = buf.data();
-  const char* const end = r.ptr;
-  // The significant digits (at most nine) without trailing zeros; the first
-  // digit of a value that is not zero is never 0.
+  std::to_chars_result r{};
   std::string digits;
-  for (; *p != 'e'; ++p) {
-    if (is_digit(*p)) digits += *p;
-  }
+  const char* p = nullptr;
+  auto scientific = [&](auto... precision) {
+    r = std::to_chars(buf.data(), buf.data() + buf.size(), magnitude, std::chars_format::scientific, precision...);
+    digits.clear();
+    for (p = buf.data(); *p != 'e'; ++p) {
+      if (is_digit(*p)) digits += *p;
+    }
+  };
+  scientific();
+  if (digits.size() > 7) scientific(6);
+  const char* const end = r.ptr;
+  // No trailing zeros; the first digit of a value that is not zero is never 0.
   while (digits.back() == '0') digits.pop_back();
   const std::size_t n = digits.size();
   // After the 'e': the exponent's sign and at least two digits, as the
