@@ -26,7 +26,9 @@ unix() { local p=${1#C:}; echo "$WINEPREFIX/drive_c${p//\\//}"; }
 says() { "${@:2}" >"$W/said" 2>&1; RC=$?; tr -d '\r' <"$W/said" | tee /dev/stderr | grep -q -- "$1"; }
 each_dll() { for f in Valmetra-445.Dll ValueStack.dll; do "${@//@DLL@/$f}" || return; done; }
 # snap <n> [<base> [<hive> <dir>]]: registry snapshot n, compared with snapshot base (reg.py diff).
-snap() { mkdir -p "$W/$1" && { wine "$CLIENT" save "$(wz "$W/$1")" || ! echo "deploy_client save: exit $?"; } &&
+# A save is tried twice: a Wine process started just as the prefix's server shuts down can fail to start.
+snap() { mkdir -p "$W/$1" && { wine "$CLIENT" save "$(wz "$W/$1")" || { sleep 2; wine "$CLIENT" save "$(wz "$W/$1")"; } ||
+  ! echo "deploy_client save: exit $?"; } &&
   { [ $# = 1 ] || $REG diff $ARCH "$W/$2" "$W/$1" "${@:3}"; }; }
 # pe_kind <file>: this arch's kind of program, importing system DLLs only; a DLL exports exactly the four
 # entry points of an in-process server.
