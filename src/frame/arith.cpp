@@ -32,14 +32,6 @@ T to_checked_int(double x) {
 Integer to_integer(double x) { return to_checked_int<Integer>(x); }
 Long to_long(double x) { return to_checked_int<Long>(x); }
 
-std::optional<Single> exact_single(double x) noexcept {
-  const auto bits = std::bit_cast<std::uint64_t>(x);
-  const int exponent = static_cast<int>((bits >> 52) & 0x7FF) - 1023;
-  if ((bits << 1) == 0 || ((bits & 0x1FFFFFFFu) == 0 && exponent >= -126 && exponent <= 127))
-    return static_cast<float>(x);
-  return std::nullopt;
-}
-
 Single to_single(double x) {
   if (const auto exact = exact_single(x)) return *exact;
   fp::Scope scope;  // round to nearest whatever the caller set

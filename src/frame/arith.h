@@ -2,6 +2,7 @@
 // Written once here; the classes never re-implement them.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -72,8 +73,15 @@ Single to_single(double x);
 // significant bits within the normal Single range. Such a Double converts
 // without rounding and without raising anything, whatever the environment,
 // so it needs no floating scope; every other Double (a denormal Single's
-// included) answers nothing and takes the scoped conversion.
-std::optional<Single> exact_single(double x) noexcept;
+// included) answers nothing and takes the scoped conversion. Inline: as a
+// call it made to_single about 7 ns slower.
+inline std::optional<Single> exact_single(double x) noexcept {
+  const auto bits = std::bit_cast<std::uint64_t>(x);
+  const int exponent = static_cast<int>((bits >> 52) & 0x7FF) - 1023;
+  if ((bits << 1) == 0 || ((bits & 0x1FFFFFFFu) == 0 && exponent >= -126 && exponent <= 127))
+    return static_cast<float>(x);
+  return std::nullopt;
+}
 
 // The power service: x raised to y. No floating check follows it; a result
 // that is not finite raises the service's error:

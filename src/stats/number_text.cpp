@@ -46,9 +46,9 @@ constexpr double kExactPowersOfTen[] = {
     1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 constexpr std::uint64_t kExactIntegerLimit = std::uint64_t{1} << 53;
 
-}  // namespace
-
-std::optional<double> quick_text_to_number(std::u16string_view text) {
+// quick_text_to_number's work. It answers through a flag and an out-parameter:
+// returning a std::optional made text_to_number about 4 ns slower.
+bool quick_route(std::u16string_view text, double& out) {
   std::size_t i = 0;
   const std::size_t last = text.size();
   bool negative = false;
@@ -64,7 +64,7 @@ std::optional<double> quick_text_to_number(std::u16string_view text) {
     for (++i; i < last && is_digit16(text[i]); ++i, ++digits, ++fraction_digits)
       m = m * 10 + static_cast<unsigned>(text[i] - u'0');
   }
-  if (digits == 0 || digits > 19) return std::nullopt;
+  if (digits == 0 || digits > 19) return false;
   int exponent = 0;
   if (i < last && (text[i] == u'e' || text[i] == u'E')) {
     ++i;
@@ -75,14 +75,14 @@ std::optional<double> quick_text_to_number(std::u16string_view text) {
     }
     int exponent_digits = 0;
     for (; i < last && is_digit16(text[i]); ++i, ++exponent_digits) {
-      if (exponent_digits == 4) return std::nullopt;
+      if (exponent_digits == 4) return false;
       exponent = exponent * 10 + (text[i] - u'0');
     }
-    if (exponent_digits == 0) return std::nullopt;
+    if (exponent_digits == 0) return false;
     if (exponent_negative) exponent = -exponent;
   }
-  if (i != last) return std::nullopt;
-  if (m > kExactIntegerLimit) return std::nullopt;
+  if (i != last) return false;
+  if (m > kExactIntegerLimit) return false;
   const int e = exponent - fraction_digits;
   double magnitude;
   if (e == 0) {
@@ -93,9 +93,18 @@ std::optional<double> quick_text_to_number(std::u16string_view text) {
     const double whole = fp::opaque(static_cast<double>(m));
     magnitude = fp::opaque(e > 0 ? whole * power : whole / power);
   } else {
-    return std::nullopt;
+    return false;
   }
-  return negative ? -magnitude : magnitude;
+  out = negative ? -magnitude : magnitude;
+  return true;
+}
+
+}  // namespace
+
+std::optional<double> quick_text_to_number(std::u16string_view text) {
+  double v;
+  if (quick_route(text, v)) return v;
+  return std::nullopt;
 }
 
 
@@ -104,7 +113,7 @@ double text_to_number(std::u16string_view text) {
   const std::size_t first = text.find_first_not_of(kBlanks);
   if (first == std::u16string_view::npos) raise_type_mismatch();
   text = text.substr(first, text.find_last_not_of(kBlanks) + 1 - first);
-  if (const auto quick = quick_text_to_number(text)) return *quick;
+  if (double quick; quick_route(text, quick)) return quick;
 
   // Only ASCII can be part of a number; narrow it once.
   std::string s;
