@@ -107,7 +107,6 @@ std::optional<double> quick_text_to_number(std::u16string_view text) {
   return std::nullopt;
 }
 
-
 double text_to_number(std::u16string_view text) {
   constexpr std::u16string_view kBlanks = u" \t";
   const std::size_t first = text.find_first_not_of(kBlanks);

@@ -1,7 +1,6 @@
 #include "values/integer_data.h"
 
 #include <algorithm>
-
 #include <utility>
 
 namespace valmetra {
