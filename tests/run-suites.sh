@@ -5,6 +5,16 @@ set -uo pipefail
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 LOGS=$ROOT/build/logs
 mkdir -p "$LOGS"
+# The suites' Wine prefixes take about 7 GB of build/ between them; a disk that fills up half-way fails them
+# in ways that look like Wine faults, so a short disk is said once, here, before anything starts.
+NEED_KB=$((8 * 1024 * 1024))
+held=$(ls -d "$ROOT"/build/wine-* "$ROOT"/build/wine32 2>/dev/null | grep -v /wine-demo$ | xargs -r du -sk | awk '{s += $1} END {print s + 0}')
+free=$(df -Pk "$ROOT/build" | awk 'NR == 2 {print $4}')
+if [ $((held + free)) -lt $NEED_KB ]; then
+  echo "run-suites: build/ has $((free / 1024)) MB free and its Wine prefixes hold $((held / 1024)) MB;" \
+    "the suites need about $((NEED_KB / 1024)) MB between the two: free some disk space" >&2
+  exit 1
+fi
 SUITES=("windows|tests/windows/run.sh" "deployment|tests/deploy/run.sh" "fuzz smoke|tests/fuzz/run.sh --smoke"
   "bench smoke|bench/run.sh --smoke")
 start=$(date +%s) failed=0 summary=
