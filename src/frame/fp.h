@@ -6,7 +6,9 @@
 // exactly (control word, masks, rounding mode, sticky flags) when it ends,
 // also when the operation raises. Inside a scope, fp::check() examines the
 // recorded conditions: invalid operation, division by zero or overflow raise
-// the floating-point error; underflow and inexact never do.
+// the floating-point error; underflow and inexact never do. (One exception to
+// "flags clear": x87 denormal, underflow and inexact flags the caller has
+// pending, and nothing else, stay set during the scope; they never raise.)
 //
 // Which units a scope covers: on x86-64 compiled floating code runs on the
 // SSE unit alone, so a scope saves, sets and restores MXCSR only and the

@@ -58,17 +58,26 @@ struct FpState {
   return s;
 }
 // Clears the x87 flags first: with unmasked exceptions a pending flag traps.
-[[gnu::always_inline]] inline void load_fp(std::uint32_t mxcsr, std::uint16_t control) {
+// Flags given are set afterwards (only with masked exceptions).
+[[gnu::always_inline]] inline void load_fp(std::uint32_t mxcsr, std::uint16_t control, std::uint16_t x87_flags = 0) {
   asm volatile("fnclex" : : : "memory");
   asm volatile("fldcw %0" : : "m"(control) : "memory");
+  if (x87_flags) {
+    std::uint16_t env[14];
+    asm volatile("fnstenv %0" : "=m"(env) : : "memory");
+    env[2] |= x87_flags;
+    asm volatile("fldenv %0" : : "m"(env) : "memory");
+  }
   asm volatile("ldmxcsr %0" : : "m"(mxcsr) : "memory");
 }
 constexpr std::uint32_t kDefaultMxcsr = 0x1F80;
 constexpr std::uint16_t kDefaultControl = 0x027F;
 // Every exception unmasked in both units, another rounding mode in each;
 // sticky flags to keep; flush to zero and denormals are zero; x87 64-bit.
-constexpr struct { std::uint32_t mxcsr; std::uint16_t control; } kHosts[] = {
-    {0x4100, 0x0A40}, {0x6000 | 0x0030, 0x0E40}, {0x2000 | 0x8000 | 0x0040, 0x0740}};
+// The last is the usual 32-bit host: everything masked, x87 64-bit, with the
+// inexact, underflow and denormal flags of its own x87 arithmetic pending.
+constexpr struct { std::uint32_t mxcsr; std::uint16_t control, x87_flags; } kHosts[] = {
+    {0x4100, 0x0A40, 0}, {0x6000 | 0x0030, 0x0E40, 0}, {0x2000 | 0x8000 | 0x0040, 0x0740, 0}, {0x1FA0, 0x037F, 0x32}};
 
 std::atomic<int> g_traps{0};
 LONG CALLBACK on_trap(EXCEPTION_POINTERS* info) {
@@ -410,7 +419,7 @@ std::string call_once(const ClassDesc& c, const Entry& e, const Shape& s, Path p
   auto& [hr, result, exception, arg_error] = call;
   const IID& iid = s.dispatch_iid ? IID_IDispatch : IID_NULL;
   const int traps = g_traps;
-  if (path == Path::Table) load_fp(kHosts[host].mxcsr, kHosts[host].control);
+  if (path == Path::Table) load_fp(kHosts[host].mxcsr, kHosts[host].control, kHosts[host].x87_flags);
   const FpState fp = read_fp();
   if (path == Path::Table && e.member)
     hr = valmetra::com::invoke(*c.table, o.get(), s.id, iid, 0, s.flags, &params, s.result ? result.put() : nullptr,
@@ -474,7 +483,7 @@ TEST_F(Calls, EveryEntryWithEveryArgumentFormAgreesAcrossPathsAndEnvironments) {
           Shape shape{std::vector<const Form*>(at > n ? n + 1 : n), e.id, e.flags, e.flags == DISPATCH_PROPERTYPUT};
           if (at < n) shape.forms[at] = &f;
           const std::string a = call_once(c, e, shape, Path::Invoke, 0);
-          const std::string b = call_once(c, e, shape, Path::Table, host = (host + 1) % 3);
+          const std::string b = call_once(c, e, shape, Path::Table, host = (host + 1) % int(std::size(kHosts)));
           calls += 2;
           if (a != b && ++differences < 20)
             ADD_FAILURE() << e.name << " with " << f.name << ", at " << at << " (host " << host << ")\n  Invoke " << a
@@ -555,7 +564,7 @@ TEST_F(Calls, RandomHostileCalls) {
                 {rng() % 3 ? DISPID_PROPERTYPUT : kNames[pick(5)], kNames[pick(5)]}, true, rng() % 16 == 0,
                 rng() % 8 == 0, rng() % 32 == 0, rng() % 4 > 0, rng() % 4 > 0, rng() % 4 > 0};
     for (auto& f : shape.forms) f = &pool[pick(pool.size())];
-    call_once(c, e, shape, rng() % 2 ? Path::Invoke : Path::Table, pick(3));
+    call_once(c, e, shape, rng() % 2 ? Path::Invoke : Path::Table, pick(std::size(kHosts)));
     ++calls;
   }
   RemoveVectoredExceptionHandler(handler);
