@@ -162,10 +162,12 @@ TEST(FloatingUnits, X87ScopeMasksTrapsAndLeavesNothingPending) {
 }
 
 // The caller's pending x87 flags: a scope covering the x87 unit clears
-// invalid (0x01) for its duration, but leaves a masked inexact (0x20) set.
+// invalid (0x01) and overflow (0x08) for its duration, but leaves masked
+// inexact (0x20), underflow (0x10) and denormal (0x02) set.
 TEST(FloatingUnits, ScopesKeepTheCallersControlWordAndPendingX87Flags) {
   struct Row { long double a, b; std::uint16_t pending, inside_x87; };
-  for (const auto r : {Row{0.0L, 0.0L, 0x01, 0}, Row{1.0L, 3.0L, 0x20, 0x20}})
+  for (const auto r : {Row{0.0L, 0.0L, 0x01, 0}, Row{1.0L, 3.0L, 0x20, 0x20}, Row{LDBL_MAX, LDBL_MIN, 0x28, 0},
+                       Row{LDBL_TRUE_MIN, 2.0L, 0x32, 0x32}})
   for (const auto units : {fp::Units::Compiled, fp::Units::WithX87}) {
     const bool x87 = units == fp::Units::WithX87;
     test::as_host([] { std::fesetround(FE_UPWARD); }, [&] {
