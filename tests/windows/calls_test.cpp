@@ -63,9 +63,9 @@ struct FpState {
   asm volatile("fnclex" : : : "memory");
   asm volatile("fldcw %0" : : "m"(control) : "memory");
   if (x87_flags) {
-    std::uint16_t env[14];
+    std::uint16_t env[14];  // fnstenv's 28 bytes: control word, reserved, status word, ...
     asm volatile("fnstenv %0" : "=m"(env) : : "memory");
-    env[2] |= x87_flags;
+    env[2] |= x87_flags;    // the flags can only be loaded with the whole environment
     asm volatile("fldenv %0" : : "m"(env) : "memory");
   }
   asm volatile("ldmxcsr %0" : : "m"(mxcsr) : "memory");
